@@ -1,0 +1,60 @@
+#pragma once
+
+#include <QByteArray>
+#include <QFile>
+#include <QString>
+#include <memory>
+
+#include "orvan/support/export.h"
+#include "orvan/support/job/job.h"
+#include "orvan/support/memory/ref_ptr.h"
+#include "orvan/support/thread/lock.h"
+
+namespace orvan {
+
+// Hears how a write ended.
+class ORVAN_SUPPORT_EXPORT AbstractWriterCallback : public AtomicReferent {
+ public:
+  // The file stands complete under its name.
+  virtual void OnWriteDone(const QString& file_name) = 0;
+  // Nothing stands under the name that did not stand there before.
+  virtual void OnWriteFailed(const QString& file_name) = 0;
+};
+
+// Writes bytes to a file, complete or not at all: into a sibling that is created exclusively (mode 0600,
+// following no link) and renamed over the target at the end. The parent directory is made on demand
+// (mode 0700). The sibling's name matches the same "qxTemp_*.kmz" pattern as the files of the archive cache
+// if the target's does, so whoever sweeps those also sweeps what a killed process left.
+//
+// Threads:   Run() on any thread, one call at a time through a lock of the job's own; each call writes slices
+//            of 256 KiB for as long as the continuator agrees.
+// Ownership: takes over `file`, whose name is the target and which must not be open.
+// Errors:    told to the callback. job_finished() is true after failure too.
+class ORVAN_SUPPORT_EXPORT AsyncWriterJob : public AbstractJob {
+ public:
+  // `label` is the job's name and nothing else; the int means nothing.
+  AsyncWriterJob(const QString& label, int unused, const QByteArray& data, QFile* file,
+                 RefPtr<AbstractWriterCallback> callback);
+  ~AsyncWriterJob() override;
+
+  int Run(const IJobContinuator& continuator, IJobContainer* container) override;
+  bool job_finished() const { return finished_.load(std::memory_order_acquire); }
+  // True once the file stands complete under its name.
+  bool succeeded() const { return succeeded_.load(std::memory_order_acquire); }
+
+ private:
+  bool OpenSiblingLocked() ORVAN_REQUIRES(lock_);
+  bool WriteSliceLocked() ORVAN_REQUIRES(lock_);
+  bool FinishFileLocked() ORVAN_REQUIRES(lock_);
+
+  const std::unique_ptr<QFile> target_;
+  SpinLock lock_;  // held while writing; a leaf but for the writer callback's own locks
+  QByteArray data_ ORVAN_GUARDED_BY(lock_);
+  RefPtr<AbstractWriterCallback> callback_ ORVAN_GUARDED_BY(lock_);
+  QFile sibling_ ORVAN_GUARDED_BY(lock_);
+  qint64 written_ ORVAN_GUARDED_BY(lock_) = 0;
+  std::atomic<bool> finished_{false};
+  std::atomic<bool> succeeded_{false};
+};
+
+}  // namespace orvan

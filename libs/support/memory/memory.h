@@ -1,0 +1,101 @@
+#pragma once
+
+#include <QString>
+#include <atomic>
+#include <cstddef>
+#include <new>
+
+#include "orvan/support/export.h"
+
+namespace orvan {
+
+// An allocation domain: memory always comes from the one global heap, the domain accounts for it and may
+// refuse. Handed around as a plain pointer, null meaning the default domain. Domains are never freed while
+// memory of theirs is alive; the ones of HeapManager live as long as the process.
+//
+// Units:   bytes.
+// Threads: any.
+class ORVAN_SUPPORT_EXPORT MemoryManager {
+ public:
+  MemoryManager() = default;
+  MemoryManager(const MemoryManager&) = delete;
+  MemoryManager& operator=(const MemoryManager&) = delete;
+  virtual ~MemoryManager();
+
+  // Asks for `bytes` before they are allocated. False refuses, and then nothing is accounted. Only buffers
+  // (HeapBuffer) honour a refusal; small objects and containers are accounted and never refused.
+  virtual bool Reserve(std::size_t bytes);
+  // Gives back what a successful Reserve() took.
+  virtual void Release(std::size_t bytes);
+
+  // Bytes reserved at the moment.
+  std::size_t GetBytesInUse() const { return in_use_.load(std::memory_order_relaxed); }
+
+ private:
+  std::atomic<std::size_t> in_use_{0};  // a statistic, orders nothing
+};
+
+// A named pool that a HeapManager draws from. Counted; starts with one reference, that of its maker.
+class ORVAN_SUPPORT_EXPORT MemoryPool {
+ public:
+  MemoryPool(const QString& name, unsigned int bytes);
+  void ref();
+  void unref();
+  const QString& name() const { return name_; }
+  // What the pool starts with. It grows beyond that unless a ceiling says otherwise.
+  unsigned int initial_bytes() const { return initial_bytes_; }
+
+ private:
+  ~MemoryPool() = default;
+  const QString name_;
+  const unsigned int initial_bytes_;
+  int ref_count_ = 1;
+};
+
+// The usual domain. Never refuses unless it was given a ceiling.
+class ORVAN_SUPPORT_EXPORT HeapManager : public MemoryManager {
+ public:
+  // Over `pool`, of which it takes a reference; null for the default heap.
+  explicit HeapManager(MemoryPool* pool);
+  ~HeapManager() override;
+
+  bool Reserve(std::size_t bytes) override;
+
+  // From now on, Reserve() refuses what would lift the bytes in use above `bytes`. 0 lifts the ceiling.
+  void SetCeiling(std::size_t bytes) { ceiling_.store(bytes, std::memory_order_relaxed); }
+  std::size_t GetCeiling() const { return ceiling_.load(std::memory_order_relaxed); }
+
+  // The domains for objects that live as long as the process, for a middling time, and for a short one.
+  static HeapManager* GetStaticHeap();
+  static HeapManager* GetDynamicHeap();
+  static HeapManager* GetTransientHeap();
+
+ private:
+  MemoryPool* const pool_;
+  std::atomic<std::size_t> ceiling_{0};  // relaxed: a change takes effect at some next Reserve()
+};
+
+// Raw memory, accounted in `manager`. Never null: a machine without memory ends in std::bad_alloc.
+ORVAN_SUPPORT_EXPORT void* doNew(std::size_t size, MemoryManager* manager);
+// Frees memory from doNew(), and from any operator new: all of them share one heap. Not for null.
+ORVAN_SUPPORT_EXPORT void doDelete(void* memory);
+
+// `pointer` moved up to the next multiple of `alignment`, a power of two.
+ORVAN_SUPPORT_EXPORT void* AlignBytes(int alignment, void* pointer);
+
+// Class-level allocation for objects that are tied to a domain.
+class ORVAN_SUPPORT_EXPORT MemoryObject {
+ public:
+  static void* operator new(std::size_t size);
+  static void* operator new(std::size_t size, MemoryManager* manager);
+  static void* operator new(std::size_t, void* place) noexcept { return place; }
+  static void operator delete(void* memory);
+  static void operator delete(void* memory, MemoryManager*);
+};
+
+}  // namespace orvan
+
+// `new (manager) T(...)`: an object of that domain. It dies by plain `delete`, hence the memory comes from
+// the global heap. The second form serves constructors that throw.
+ORVAN_SUPPORT_EXPORT void* operator new(std::size_t size, orvan::MemoryManager* manager);
+ORVAN_SUPPORT_EXPORT void operator delete(void* memory, orvan::MemoryManager* manager) noexcept;

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QByteArray>
+
+#include "orvan/support/export.h"
+
+namespace orvan {
+
+enum SignatureAlgorithm {
+  kSignatureHmacSha1 = 1,  // RFC 2104 with SHA-1; 20 bytes
+};
+
+// The raw digest; empty for an unknown algorithm or a negative length.
+ORVAN_SUPPORT_EXPORT QByteArray ComputeSignature(SignatureAlgorithm algorithm, const void* message,
+                                                 int message_length, const void* key, int key_length);
+
+}  // namespace orvan
