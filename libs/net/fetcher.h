@@ -1,0 +1,149 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QUrl>
+
+#include "orvan/net/connection/network_request.h"
+#include "orvan/net/content_type.h"
+#include "orvan/net/export.h"
+#include "orvan/net/http/http_status.h"
+#include "orvan/net/http/http_types.h"
+#include "orvan/support/job/job.h"
+#include "orvan/support/job/timer.h"
+#include "orvan/support/memory/containers.h"
+#include "orvan/support/memory/ref_ptr.h"
+#include "orvan/support/memory/referent.h"
+#include "orvan/support/text/date_time.h"
+
+namespace orvan {
+class WorkerThread;
+}
+
+namespace orvan::net {
+
+class AsyncFetchJob;
+class ConnectionManager;
+class FetcherFactory;
+
+// A store of fetched bytes that the application keeps. Implemented by the application.
+//
+// Threads:   Contains() on the thread that starts the fetch, which is the worker thread for an asynchronous
+// one;
+//            Load() and Save() on the main thread.
+class ORVAN_NET_EXPORT FetchStore {
+ public:
+  virtual ~FetchStore();
+  // Fills `bytes` with what the store has for `url`. True on success, which makes the fetch one.
+  virtual bool Load(const QUrl& url, QByteArray* bytes) = 0;
+  // The bytes just fetched. The result is ignored.
+  virtual bool Save(const QUrl& url, QByteArray* bytes) = 0;
+  // True if the store can answer, and the network is not to be asked.
+  virtual bool Contains(const QUrl& url) = 0;
+};
+
+// One download. Fetcher::fetch() takes a URL, a local path or a Qt resource path (":/..."), and calls back
+// once, on the main thread, when the bytes are there or the fetch has failed.
+//
+// Threads:   fetch() on any thread; Stop(), SetCallback() and the accessors on the main thread, and of those
+// that
+//            read a result none before the callback. The callback comes on the main thread, never inside
+//            fetch().
+// Ownership: counted. An unfinished fetch keeps itself alive: a caller may drop its RefPtr at once. The
+// result
+//            stays readable for as long as somebody holds a RefPtr.
+// Errors:    every failure arrives as the final state, through the callback.
+// Life:      made by fetch(), runs once, ends by callback or by Stop().
+class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
+                                 protected NetworkRequest::Callback,
+                                 protected SyncMethod {
+ public:
+  using FetchCallback = void (*)(Fetcher&);
+
+  // What to fetch, and how. The caller keeps it; fetch() copies what it needs.
+  struct FetchParams {
+    QString url;                // a URL or a path; may carry an anchor
+    QString user_agent;         // replaces the default one if not empty
+    QString if_modified_since;  // an HTTP date; sent along, or compared with a local file's date
+    mmvector<RequestHeader> headers;
+    FetchCallback callback = nullptr;
+    void* user_data = nullptr;
+    double match_time = 0.0;  // go into ServerInfo: fetches with other values use other connections
+    int match_id = 0;
+    bool use_cache = true;
+    bool async = false;           // start on the worker thread, if one is set
+    FetchStore* store = nullptr;  // not owned
+  };
+
+  // Starts a fetch. Between Init() and Shutdown(). Does not wait for the network. `manager` is the domain of
+  // the object, null for the default one.
+  static RefPtr<Fetcher> fetch(const FetchParams& params, MemoryManager* manager);
+
+  Fetcher(const QString& url, FetchCallback callback, void* user_data);
+  // A subclass that overrides DoFetch() calls Stop() first thing in its own destructor.
+  ~Fetcher() override;
+
+  virtual QByteArray GetByteArray() const;
+  virtual const char* GetBytes() const;
+  virtual int getSize() const;
+  virtual FetchState GetState() const;
+  virtual QString GetUrl() const;           // without its anchor, once the fetch has begun
+  virtual QString GetLastModified() const;  // as the server or the file told it
+  virtual DateTime GetLastModifiedDateTime() const;
+  virtual void SetUserData(void* user_data);
+  virtual void* GetUserData() const;
+  // Ends the fetch without a callback. What has been reached stays as it is.
+  virtual void Stop();
+  virtual int GetResponseHeaderCount() const;
+  virtual const QString& GetResponseHeader(unsigned long i) const;  // a null string out of range
+  virtual QString GetContentType() const;
+  virtual int GetMimeType() const;  // kMimeOther ... kMimeGif
+  virtual QString GetAnchor() const;
+  // Replaces the callback; null withdraws it for good.
+  virtual void SetCallback(FetchCallback callback);
+  virtual double GetExpireTime() const;  // the largest finite double if nobody said otherwise
+  virtual bool IsKmz() const;
+
+  // The steps of a fetch, for subclasses made by an override factory.
+  virtual void Done();
+  virtual void DoFetch(const FetchParams& params);
+  void RequestDone(NetworkRequest* request, void* user_data) override;
+  void Execute() override;
+
+  static int GetMimeTypeFromContentTypeOrUrl(const QString& content_type, const QString& url);
+  // Adds the archive's media type to each list of acceptable types.
+  static void EditToAcceptKMZ(mmvector<RequestHeader>& headers);
+  static bool IsKmzData(const unsigned char* data, int size);
+  // The plain form of a file URL or an escaped URL.
+  static QString SanitizeUrlString(const QString& url);
+
+  // Start and stop; called by net::Init() and net::Shutdown().
+  static void Init();
+  static void Shutdown();
+  static void InitConnectionManager();
+  // Lends the worker thread for asynchronous starts and extraction; null takes it back. Not owned.
+  static void SetWorkerThread(WorkerThread* worker);
+
+  static FetcherFactory* default_factory_;
+  static FetcherFactory* override_factory_;  // used instead if the application sets it; not owned
+  static ConnectionManager* s_connection_manager_;
+  static WorkerThread* s_unzip_thread_;
+
+ protected:
+  void SetByteArray(const QByteArray& bytes);
+
+ private:
+  class InvokeCallbackJob;
+  // private part: left to fetcher's own author
+};
+
+// Makes the objects of all fetches.
+class ORVAN_NET_EXPORT FetcherFactory {
+ public:
+  virtual ~FetcherFactory();
+  // A new object, made in the domain `manager`.
+  virtual Fetcher* Create(const QString& url, Fetcher::FetchCallback callback, void* user_data,
+                          MemoryManager* manager);
+};
+
+}  // namespace orvan::net
