@@ -3,6 +3,8 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "orvan/support/memory/memory.h"
@@ -25,6 +27,8 @@ class mmallocator {
   mmallocator(const mmallocator<U>& other) noexcept : manager_(other.manager()) {}
 
   T* allocate(std::size_t n) {
+    static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__,
+                  "doNew() has no more than the usual alignment");
     if (n > static_cast<std::size_t>(-1) / sizeof(T)) throw std::bad_alloc();
     return static_cast<T*>(doNew(n * sizeof(T), manager_));
   }

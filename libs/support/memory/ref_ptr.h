@@ -32,7 +32,9 @@ class RefPtr {
     return *this;
   }
   // Not a slip: the new reference is taken and the old one dropped before the pointer is stored, so a
-  // destructor that runs here still sees the old value. An unchanged pointer is left alone.
+  // destructor that runs here still sees the old value. An unchanged pointer is left alone. It follows that
+  // this RefPtr must not belong to what the old object takes along, as in `head = head->next` on a list that
+  // only the old head keeps. RefPtrTest.AssignmentStoresLast holds the order in place.
   RefPtr& operator=(T* pointer) {
     if (pointer == pointer_) return *this;
     if (pointer) pointer->ref();
@@ -67,6 +69,14 @@ bool operator==(const RefPtr<T>& a, const U* b) {
 template <typename T, typename U>
 bool operator!=(const RefPtr<T>& a, const U* b) {
   return a.get() != b;
+}
+template <typename T, typename U>
+bool operator==(const U* a, const RefPtr<T>& b) {
+  return a == b.get();
+}
+template <typename T, typename U>
+bool operator!=(const U* a, const RefPtr<T>& b) {
+  return a != b.get();
 }
 template <typename T>
 bool operator==(const RefPtr<T>& a, std::nullptr_t) {

@@ -56,13 +56,16 @@ class ORVAN_SUPPORT_EXPORT PtrProxy : public AtomicReferent {
  private:
   friend class WeakAtomicReferent;
   explicit PtrProxy(const WeakAtomicReferent* object) : object_(object) {}
+  bool DropLastReference(int* ref_count) const;
+  void Clear() const;
 
   mutable SpinLock lock_;  // a leaf
   mutable const WeakAtomicReferent* object_ ORVAN_GUARDED_BY(lock_);
 };
 
 // Like AtomicReferent, and can be watched through a proxy. The step of the count from 1 to 0 and
-// try_ptr_ref() exclude each other, so a dying object is never revived.
+// try_ptr_ref() exclude each other, so a dying object is never revived. From that step on the proxy
+// answers null, even if an orphaned() of a subclass spares the object.
 class ORVAN_SUPPORT_EXPORT WeakAtomicReferent {
  public:
   WeakAtomicReferent();

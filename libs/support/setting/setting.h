@@ -105,6 +105,38 @@ class ORVAN_SUPPORT_EXPORT Setting {
   bool pre_delete_done_ = false;
 };
 
+// The value of a setting, which any thread may read while the main thread writes it.
+template <typename T>
+class SettingValue {
+ public:
+  explicit SettingValue(const T& value) : value_(value) {}
+  T Load() const { return value_.load(std::memory_order_relaxed); }
+  void Store(const T& value) { value_.store(value, std::memory_order_relaxed); }
+
+ private:
+  std::atomic<T> value_;
+};
+// A std::pair is not trivially copyable, as a std::atomic wants it.
+template <>
+class SettingValue<std::pair<int, int>> {
+ public:
+  explicit SettingValue(const std::pair<int, int>& value) : value_(Halves{value.first, value.second}) {}
+  std::pair<int, int> Load() const {
+    const Halves halves = value_.load(std::memory_order_relaxed);
+    return {halves.first, halves.second};
+  }
+  void Store(const std::pair<int, int>& value) {
+    value_.store(Halves{value.first, value.second}, std::memory_order_relaxed);
+  }
+
+ private:
+  struct alignas(8) Halves {
+    int first;
+    int second;
+  };
+  std::atomic<Halves> value_;
+};
+
 // Number of each value type, as Setting::getType() answers it.
 template <typename T>
 struct SettingType;
@@ -130,7 +162,7 @@ class TypedSetting : public Setting {
       : Setting(group, name, behavior), value_(default_value), default_(default_value) {}
   ~TypedSetting() override { NotifyPreDelete(); }
 
-  T value() const { return value_.load(std::memory_order_relaxed); }
+  T value() const { return value_.Load(); }
   const T& default_value() const { return default_; }
   operator T() const { return value(); }
   TypedSetting& operator=(const T& value) {
@@ -142,7 +174,7 @@ class TypedSetting : public Setting {
   void SetValue(const T& value) {
     CopyModifier();
     if (this->value() == value) return;
-    value_.store(value, std::memory_order_relaxed);
+    value_.Store(value);
     NotifyChanged();
   }
 
@@ -168,7 +200,7 @@ class TypedSetting : public Setting {
   // Not a slip: restoring a value tells the observers even if it is the value that stands.
   bool PopSetting() override {
     if (stack_.empty()) return false;
-    value_.store(stack_.back(), std::memory_order_relaxed);
+    value_.Store(stack_.back());
     stack_.pop_back();
     NotifyChanged();
     return true;
@@ -176,7 +208,7 @@ class TypedSetting : public Setting {
   void ResetToDefault() override { SetValue(default_); }
 
  private:
-  std::atomic<T> value_;
+  SettingValue<T> value_;
   const T default_;
   mmlist<T> stack_;
 };
@@ -220,8 +252,10 @@ class ORVAN_SUPPORT_EXPORT MapAndLog : public Setting {
   struct Entry {
     int code;
     int count;
+    bool operator==(const Entry& other) const { return code == other.code && count == other.count; }
   };
-  using Entries = mmvector<Entry>;
+  using Entries = mmvector<Entry>;  // the code that came first stands first
+  void Add(const Entry& added, Entries* entries) const;
   void Assign(Entries entries);
 
   const int size_;

@@ -36,8 +36,8 @@ class ORVAN_SUPPORT_EXPORT System {
   // Number of the application's current frame. The application increments it.
   static std::atomic<int> s_cur_frame;
 
-  // Replace the clock and the dice; an empty function goes back to the real ones. Not while other threads
-  // use them.
+  // Replace the clock and the dice; an empty function goes back to the real ones. A call on another thread
+  // may still use the earlier one for a moment.
   static void SetTimeSourceForTest(std::function<double()> source);
   static void SetRandomForTest(std::function<int(int, int)> source);
 };
