@@ -49,15 +49,16 @@ function(orvan_folder name)
   endif()
 endfunction()
 
-# orvan_test(<name> <sources> [WRAPPER <command...>] [LABELS <labels>] [TIMEOUT <seconds>])
+# orvan_test(<name> <sources> [WRAPPER <command...>] [LABELS <labels>] [TIMEOUT <seconds>] [LINK <targets>])
 #
-# One test program on GoogleTest, run as one CTest entry, inside WRAPPER if one is given.
+# One test program on GoogleTest, run as one CTest entry, inside WRAPPER if one is given. main() comes from
+# the test bed (tests/support/test_main.cpp), unless one of the sources has its own.
 function(orvan_test name)
   cmake_parse_arguments(arg "" "TIMEOUT" "WRAPPER;LABELS;LINK" ${ARGN})
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE orvan_flags orvan_test_support orvan_net orvan_support ${arg_LINK}
     GTest::gmock GTest::gtest)
-  add_test(NAME ${name} COMMAND ${arg_WRAPPER} $<TARGET_FILE:${name}>)
+  add_test(NAME ${name} COMMAND ${ORVAN_TEST_LAUNCHER} ${arg_WRAPPER} $<TARGET_FILE:${name}>)
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 300)
   endif()

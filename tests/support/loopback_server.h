@@ -4,9 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -171,14 +174,17 @@ class LoopbackServer {
   void Stop();
 
  private:
-  struct Shared;
-  class Connection;
-  void Accept();
+  class State;       // scripts, records and counters: what all threads share
+  class Connection;  // one accepted socket and its thread
+  void AcceptLoop();
+  void JoinFinishedConnections();
 
-  std::shared_ptr<Shared> shared_;
+  const std::unique_ptr<State> state_;
+  int listener_ = -1;
   int port_ = 0;
-  struct Threads;
-  std::unique_ptr<Threads> threads_;
+  std::list<std::unique_ptr<Connection>> connections_;  // accepting thread; after its end the stopping one
+  std::thread accept_thread_;
+  std::mutex stop_mutex_;  // one Stop() at a time
 };
 
 // A port of 127.0.0.1 that refuses every connect for as long as the object lives.

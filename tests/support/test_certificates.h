@@ -14,7 +14,7 @@ namespace orvan::test {
 // before the first TLS connection of the program.
 class TestCertificates {
  public:
-  TestCertificates();
+  TestCertificates() = default;
 
   // Makes the authority and the ordinary server certificate; must be called before anything else.
   ::testing::AssertionResult Create();
@@ -23,10 +23,14 @@ class TestCertificates {
   std::string CertificatePath() const { return Path("server.crt"); }
   std::string KeyPath() const { return Path("server.key"); }
 
-  // One more certificate: `name`.crt and `name`.key, valid for `alt_names` ("DNS:localhost,IP:127.0.0.1"),
-  // signed by the authority or, if `self_signed`, by itself.
+  enum class Kind {
+    kSigned,      // by the authority, valid for ten years
+    kSelfSigned,  // the same by itself: nobody trusts it
+    kExpired,     // by the authority, and it was valid on one day of 2020
+  };
+  // One more certificate: `name`.crt and `name`.key, for `alt_names` ("DNS:localhost,IP:127.0.0.1").
   ::testing::AssertionResult Issue(const std::string& name, const std::string& alt_names,
-                                   bool self_signed = false);
+                                   Kind kind = Kind::kSigned);
   std::string Path(const std::string& file) const;
 
   // Adds the authority to QSslConfiguration::defaultConfiguration(), for all threads.
