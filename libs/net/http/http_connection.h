@@ -2,7 +2,6 @@
 
 #include <QString>
 #include <QUrl>
-#include <atomic>
 #include <functional>
 #include <memory>
 
@@ -20,16 +19,18 @@ namespace orvan::net {
 // HttpConnectionFactory::CreateHttpConnection(), ended by DisposeConnection().
 //
 // Threads:   any thread may create and enqueue requests. Callbacks come one after the other on the
-// connection's
-//            own thread "http_callback_handler". While a connection is being destroyed nobody may call it.
+//            connection's own thread "http_callback_handler". While a connection is being destroyed nobody
+//            may call it. Destroying it waits for a running callback, unless it is that callback which
+//            destroys it: so a callback must not wait for a thread that destroys its connection.
 // Ownership: a successful EnqueueRequest() passes the caller's reference to the connection; who wants to keep
 //            the request takes one more before. Requests that are not over at destruction vanish: their
 //            reference is dropped, their callback is not called.
 // Errors:    a failed enqueue is told by its status alone: no callback, and the caller keeps its reference.
 class ORVAN_NET_EXPORT HttpConnection {
  public:
-  // Hooks around every request of every connection. They run under a process-wide lock, so they must be
-  // quick and must not enqueue, register or unregister. Not owned.
+  // Hooks around every request of every connection, in the order of their registration. They run under a
+  // process-wide lock, so they must be quick and must not enqueue, register, unregister, or end a connection.
+  // Not owned.
   class ORVAN_NET_EXPORT RequestCallbacks {
    public:
     // Registers the object; the destructor takes one registration away. Registering it again makes it called
@@ -42,7 +43,9 @@ class ORVAN_NET_EXPORT HttpConnection {
 
     // On the thread that enqueues. False stops the hooks behind this one, and not the request.
     virtual bool PreSendRequest(HttpConnection* connection, HttpRequest* request) = 0;
-    // On the callback thread. False keeps the request from its callback; its reference is the hook's then.
+    // On the callback thread. False keeps the request from its callback; its reference is the hook's then,
+    // and until the hook drops it the request also keeps alive what its owner tied to it.
+    // `connection` may be on its way out: ask it for host(), port() and the like, and for nothing virtual.
     virtual bool PreCompleteRequest(HttpConnection* connection, HttpRequest* request) = 0;
 
    protected:
@@ -83,6 +86,9 @@ class ORVAN_NET_EXPORT HttpConnection {
   virtual void SetLoginInfo(const QString& user, const QString& password);
   // The synchronous route of other transports; the Qt transport answers kStatusFailed.
   virtual unsigned int SendRequest(HttpRequest* request) = 0;
+  // Whether the calling thread may destroy this connection without waiting for itself or for a user. A
+  // transport answers false on its own worker thread. For DisposeConnection().
+  virtual bool MayBeDestroyedHere() const;
 
   const QString& host() const { return host_; }
   int port() const { return port_; }
@@ -131,11 +137,17 @@ class ORVAN_NET_EXPORT HttpConnection {
   static bool prompt_user_for_auth_info_;  // for outside callers; nobody here reads it
 
  protected:
-  // What the callback thread works on. Shared with that thread, which may outlive the connection when a
-  // callback destroys it.
-  struct CallbackService;
+  // From now on no callback begins; a running one is not waited for. Part of the destructor. A transport may
+  // call it as the first thing in its own, so that the callback thread ends while the worker does.
+  void StopCallbacks();
 
  private:
+  // What the callback thread works on. Shared with that thread, which outlives the connection when a callback
+  // destroys it.
+  struct CallbackService;
+
+  void DropRequests();
+  void StartCallbackThreadLocked();
   static void SetCookieImpl(const QString& base_url, const QString& name, const QString& value);
   static void* CallbackServiceThreadFunc(void* service);
 
@@ -155,13 +167,12 @@ class ORVAN_NET_EXPORT HttpConnection {
   SpinLock async_lock_;  // a leaf, as is the lock of the completed queue; the two are never held together
   HttpRequestPriorityQueue async_requests_ ORVAN_GUARDED_BY(async_lock_);
   Semaphore async_semaphore_;
-  std::shared_ptr<CallbackService> callback_service_;
-  unsigned long callback_thread_ = 0;  // joined, or detached on itself, by the destructor
+  const std::shared_ptr<CallbackService> callback_service_;
   const bool is_insecure_quorex_conn_;
 };
 
-// Ends a connection on whatever thread: here, if that is possible, and on the reaper thread otherwise (on the
-// connection's own worker thread, or while its worker waits for a user). Null is ignored.
+// Ends a connection on whatever thread: here, if that is possible, and on a thread made for it otherwise (on
+// the connection's own worker thread, or while its worker waits for a user). Null is ignored.
 ORVAN_NET_EXPORT void DisposeConnection(HttpConnection* connection);
 
 }  // namespace orvan::net

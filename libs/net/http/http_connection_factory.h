@@ -33,12 +33,11 @@ class ORVAN_NET_EXPORT IHttpAuthFailureObserver {
 // The one place where connections are made, and the home of the rule that upgrades plain HTTP to HTTPS for
 // the maker's own hosts. All state is process-wide.
 //
-// Secure hosts: a host is secure if it ends with one of the secure domains, which begin with a dot, and is
-// none
+// Shape:     a host is secure if it ends with one of the secure domains, which begin with a dot, and is none
 //            of the insecure hosts. The lists are kept in lower case and compared as they stand: a host in
 //            capitals, and the bare domain itself, do not match.
-// Threads:   every static operation on any thread. The handlers run under a lock of this class, and must not
-//            call back into it.
+// Threads:   every static operation on any thread. The certificate handler and
+//            ClearConnectionCredentials() run under a lock of this class, and must not call back into it.
 // Ownership: factories and handlers that are set are not owned. A connection belongs to the caller.
 class ORVAN_NET_EXPORT HttpConnectionFactory {
  public:
@@ -55,7 +54,8 @@ class ORVAN_NET_EXPORT HttpConnectionFactory {
   // The platform's factory, made on first use.
   static HttpConnectionFactory* GetSingleton();
   static HttpConnectionFactory* InitPlatformFactory();
-  // From now on this factory makes the connections; null goes back to the platform's.
+  // From now on this factory makes the connections; null goes back to the platform's. The factory that was
+  // set before may be destroyed once no thread is inside CreateHttpConnection() any more.
   static void SetOverrideFactory(HttpConnectionFactory* factory);
   // A new connection, or null if the factory made none. A null `manager` stands for the memory pool of
   // response bodies. Times in seconds. The caller ends it with DisposeConnection().

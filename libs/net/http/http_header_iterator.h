@@ -18,9 +18,8 @@ class ORVAN_NET_EXPORT HttpHeaderIterator {
   bool NextHeader(QString* header);
 
  private:
-  const char* begin_;
-  const char* end_;
   const char* current_;
+  const char* end_;
   bool finished_ = false;
 };
 

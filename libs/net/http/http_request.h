@@ -2,6 +2,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <memory>
 
 #include "orvan/net/export.h"
 #include "orvan/net/http/http_status.h"
@@ -16,12 +17,12 @@ namespace orvan::net {
 // One HTTP exchange: what is to be sent and, once it is over, what came back. Made by
 // HttpConnection::CreateRequest(), sent once.
 //
-// Threads:   ref(), unref(), SetCallback() and InvokeCallback() on any thread. All else belongs to the
-// creating
-//            thread until the request is enqueued, then to the transport, and from the callback on to whoever
-//            got it there; queues and locks of the connection make the hand-over.
+// Threads:   ref(), unref(), SetCallback(), InvokeCallback() and Cancel() on any thread. All else belongs to
+//            the creating thread until the request is enqueued, then to the transport, and from the callback
+//            on to whoever got it there; queues and locks of the connection make the hand-over.
 // Ownership: starts with one reference, that of its creator. A successful enqueue passes it to the
-// connection. Errors:    operations that return a status return kStatusOk or kStatusFailed.
+//            connection. unref() may destroy the request, on whatever thread that happens to be.
+// Errors:    operations that return a status return kStatusOk or kStatusFailed.
 class ORVAN_NET_EXPORT HttpRequest : public DLink {
  public:
   // An ordered list of whole header lines, "Name: value", without line ends. Names may repeat.
@@ -128,6 +129,8 @@ class ORVAN_NET_EXPORT HttpRequest : public DLink {
   void SetPriority(int priority) { priority_ = priority; }
 
  private:
+  friend class HttpConnection;
+
   mutable int ref_count_ = 1;
   const HttpMethod method_;
   const QString url_;
@@ -148,6 +151,9 @@ class ORVAN_NET_EXPORT HttpRequest : public DLink {
   double expire_time_;
   int priority_ = 0;
   QStringList accept_types_;
+  // Of EnqueueRequest() with a function: kept here, so that the function also goes with a request that
+  // vanishes or is cut off from its callback.
+  std::unique_ptr<Callback> bound_callback_;
 };
 
 }  // namespace orvan::net

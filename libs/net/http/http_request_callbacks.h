@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <utility>
 
 #include "orvan/net/http/http_request.h"
 #include "orvan/support/thread/lock.h"
@@ -20,7 +21,8 @@ class SyncRequestCallback : public HttpRequest::Callback {
   Semaphore semaphore_{0};
 };
 
-// Calls a function, then deletes itself. An empty function ends the process by abort().
+// Calls a function once, and lets go of it. An empty function ends the process by abort(). Belongs to its
+// request.
 class BindRequestCallback : public HttpRequest::Callback {
  public:
   explicit BindRequestCallback(std::function<void()> function) : function_(std::move(function)) {}

@@ -10,8 +10,8 @@ class HttpRequest;
 // Requests by priority, lower first, equal ones in the order of their arrival.
 //
 // Shape:     the boundary is where requests of priority 0 go in: in front of the first positive one, at the
-// end
-//            if there is none. It is kept, not searched, so an ordinary request costs constant time.
+//            end if there is none. It is kept, not searched, so an ordinary request costs constant time. A
+//            negative request that finds no zeros becomes the boundary itself, and later zeros overtake it.
 // Threads:   none; the connection uses it under a lock of its own.
 // Ownership: takes and drops no reference.
 class ORVAN_NET_EXPORT HttpRequestPriorityQueue {
