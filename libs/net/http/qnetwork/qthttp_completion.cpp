@@ -1,0 +1,191 @@
+// The way back: from the first bytes of a reply to the queue of completed requests. All on the worker.
+
+#include <QNetworkReply>
+#include <QVariant>
+#include <algorithm>
+#include <limits>
+
+#include "orvan/net/http/qnetwork/qthttpimpl.h"
+#include "orvan/net/http/qnetwork/send_gate.h"
+#include "orvan/support/text/text.h"
+
+namespace orvan::net {
+
+namespace {
+
+constexpr int kMaxRedirects = 10;
+// Shorter bodies are read once, at their end.
+constexpr qint64 kReadAsItComesFrom = 64 * 1024;
+// How far ahead of what has arrived an announced length is believed.
+constexpr qint64 kBelievedAhead = 64 * 1024 * 1024;
+
+RefPtr<HeapBuffer> NewBuffer(MemoryManager* manager, unsigned int capacity) {
+  HeapBuffer* const made = HeapBuffer::create(manager, capacity, 0);
+  RefPtr<HeapBuffer> buffer(made);
+  if (made) made->unref();  // the one of create(); `buffer` has its own
+  return buffer;
+}
+
+// How much to allocate for the body of `reply`, of which `available` bytes are there. An announced length is
+// halved until it is believed, so that doubling ends on it; without one the block grows by doubling too. One
+// that no buffer can hold gives a size that create() refuses.
+unsigned int FirstCapacity(const QNetworkReply& reply, qint64 available) {
+  const qint64 announced = reply.header(QNetworkRequest::ContentLengthHeader).toLongLong();
+  if (announced > std::numeric_limits<int>::max()) return std::numeric_limits<unsigned int>::max();
+  qint64 capacity = std::max<qint64>(available, 1);
+  if (!reply.isFinished()) {
+    capacity = announced > available ? announced : 2 * available;
+    while (capacity > available + kBelievedAhead) capacity = (capacity + 1) / 2;
+  }
+  return static_cast<unsigned int>(capacity);
+}
+
+int HttpCodeOf(const QNetworkReply& reply) {
+  return reply.attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+}
+
+QUrl RedirectTargetOf(const QNetworkReply& reply) {
+  return reply.attribute(QNetworkRequest::RedirectionTargetAttribute).toUrl();
+}
+
+// An empty scheme is that of a relative target, which then fails in Qt.
+bool MayBeFollowed(const QUrl& target) {
+  const QString scheme = target.scheme();
+  return scheme.isEmpty() || scheme == QLatin1String("http") || scheme == QLatin1String("https");
+}
+
+}  // namespace
+
+// A redirect is known by Qt's attribute alone: neither the status code nor an error is looked at. Qt also
+// sets it, to an empty URL, for a 301 or 302 without a usable target; such a response is one like any other.
+QtHttpConnection::Fate QtHttpConnection::JudgeHead(const QtHttpRequest& request, const QNetworkReply& reply) {
+  const QUrl target = RedirectTargetOf(reply);
+  const bool redirects = !target.isEmpty() && target.isValid();
+  if (redirects && request.redirect_count_ < kMaxRedirects) {
+    // A server must not make us read local files, nor write them with PUT.
+    return MayBeFollowed(target) ? Fate::kFollow : Fate::kRefuse;
+  }
+  return HttpCodeOf(reply) >= 400 ? Fate::kErrorPage : Fate::kBody;
+}
+
+void QtHttpConnection::ReadableReply(QNetworkReply* reply) {
+  QtHttpRequest* const request = replies_.value(reply);
+  if (!request) return;  // aborted; Qt had more on its way
+  if (!request->received_) {
+    if (reply->bytesAvailable() < kReadAsItComesFrom) return;
+    if (JudgeHead(*request, *reply) != Fate::kBody) {
+      reply->skip(reply->bytesAvailable());
+      return;
+    }
+  }
+  if (ReceiveBody(request)) return;
+  request->out_of_memory_ = true;
+  reply->abort();  // completes the request before it returns: nothing of it is touched from here on
+}
+
+// Moves what has arrived into `received_`. False if the memory domain refuses, or no buffer can hold it.
+bool QtHttpConnection::ReceiveBody(QtHttpRequest* request) {
+  QNetworkReply* const reply = request->reply_;
+  if (!request->received_) {
+    request->received_ = NewBuffer(memory_manager(), FirstCapacity(*reply, reply->bytesAvailable()));
+    if (!request->received_) return false;
+  }
+  HeapBuffer& body = *request->received_;
+  while (reply->bytesAvailable() > 0) {
+    const unsigned int room = body.capacity() - body.size();
+    if (room > 0) {
+      const qint64 got = reply->read(body.data() + body.size(), room);
+      if (got <= 0) break;
+      body.SetSize(body.size() + static_cast<unsigned int>(got));
+    } else {
+      char piece[16 * 1024];  // appending it doubles the room for what follows
+      const qint64 got = reply->read(piece, sizeof piece);
+      if (got <= 0) break;
+      if (!body.AppendData(piece, static_cast<int>(got))) return false;
+    }
+  }
+  return true;
+}
+
+void QtHttpConnection::RequestFinishedSlot() {
+  Q_ASSERT(QThread::currentThread() == thread());
+  auto* const reply = qobject_cast<QNetworkReply*>(sender());
+  QtHttpRequest* const request = replies_.value(reply);
+  if (!request) return;  // none of ours; it is left alone
+
+  const bool cancelled = request->phase_ == QtHttpRequest::kCancelled;
+  const bool redirected = !cancelled && JudgeHead(*request, *reply) == Fate::kFollow;
+  if (redirected) {
+    request->redirect_url_ = RedirectTargetOf(*reply);
+    ++request->redirect_count_;
+  } else {
+    (void)ProcessResponse(request);  // the request has it
+  }
+  ReleaseReply(request);
+  if (redirected) {
+    SendRequestSlot(request);  // still in the queue of requests in flight; completes by itself if it fails
+  } else {
+    Complete(request);
+  }
+}
+
+unsigned int QtHttpConnection::ProcessResponse(QtHttpRequest* request) {
+  const QNetworkReply* const reply = request->reply_;
+  if (!reply) return kStatusFailed;
+  // Not left to Qt: a reply that is aborted after its head still has the server's status, and the request
+  // would look like a success without a body.
+  if (request->phase_ == QtHttpRequest::kCancelled) return TakeFailure(request, 0);
+  if (request->out_of_memory_) return TakeRefusal(request);
+  if (JudgeHead(*request, *reply) == Fate::kRefuse) return TakeFailure(request, 0);
+  // Not a slip: an error behind a 200 is a success with an empty body. Qt reports a connection that is lost
+  // in mid-body by chance as an error or as none, so the status is all that callers can rely on.
+  if (reply->error() != QNetworkReply::NoError) return TakeFailure(request, HttpCodeOf(*reply));
+  return TakeResponse(request);
+}
+
+// Whatever Qt reports without an error is a success: 200, 204 and a redirect that is not followed alike.
+unsigned int QtHttpConnection::TakeResponse(QtHttpRequest* request) {
+  if (!ReceiveBody(request)) return TakeRefusal(request);
+  request->received_->Trim();
+  request->SetResponseBuffer(request->received_.get());
+  request->received_ = nullptr;
+  request->SetResponseStatus(kStatusOk);
+  // Qt merges lines of one name: with ", " between them, or a line feed for Set-Cookie.
+  for (const QNetworkReply::RawHeaderPair& header : request->reply_->rawHeaderPairs()) {
+    request->AddResponseHeader(TextFromBytes(header.first) + QLatin1String(": ") +
+                               TextFromBytes(header.second));
+  }
+  return kStatusOk;
+}
+
+unsigned int QtHttpConnection::TakeRefusal(QtHttpRequest* request) {
+  request->received_ = nullptr;
+  request->SetResponseBuffer(nullptr);
+  request->SetResponseStatus(kStatusOutOfMemory);
+  return kStatusOutOfMemory;
+}
+
+// An empty buffer, not none, and no header lines, whatever the server sent with its error.
+unsigned int QtHttpConnection::TakeFailure(QtHttpRequest* request, int http_code) {
+  request->received_ = nullptr;
+  request->SetResponseBuffer(NewBuffer(memory_manager(), 1).get());
+  const unsigned int status = InterpretHttpResponseCode(http_code);
+  request->SetResponseStatus(status);
+  return status;
+}
+
+void QtHttpConnection::ReleaseReply(QtHttpRequest* request) {
+  QNetworkReply* const reply = request->reply_;
+  replies_.remove(reply);
+  request->reply_ = nullptr;
+  reply->deleteLater();  // its signal is being delivered
+}
+
+void QtHttpConnection::Complete(QtHttpRequest* request) {
+  request->phase_ = QtHttpRequest::kIdle;
+  RemoveAsyncRequest(request);
+  AppendCompletedRequest(request);  // takes its own reference
+  request->unref();                 // the one that the queue of requests in flight stood for
+}
+
+}  // namespace orvan::net

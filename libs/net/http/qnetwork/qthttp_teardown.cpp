@@ -1,0 +1,67 @@
+// How a connection is taken apart. Its worker, its callback thread and Qt's own thread end side by side.
+
+#include <QCoreApplication>
+#include <QNetworkReply>
+#include <memory>
+#include <thread>
+
+#include "orvan/net/http/qnetwork/qthttpimpl.h"
+#include "orvan/net/http/qnetwork/send_gate.h"
+
+namespace orvan::net {
+
+namespace {
+
+// How often a thread that waits for the worker looks whether there still is an application object.
+constexpr unsigned int kLookMs = 100;
+
+}  // namespace
+
+QtHttpConnection::~QtHttpConnection() {
+  StopCallbacks();  // the base joins that thread; it ends while the worker does
+  if (QThread::currentThread() != worker_thread_.get()) {
+    LeaveWorker();
+    return;
+  }
+  // On our own worker (DisposeConnection() avoids that) everything is where it has to be, but the thread
+  // cannot be waited for: somebody else has to see its end.
+  ForgetReplies();
+  QtHttpWorkerThread* const worker = worker_thread_.release();
+  worker->quit();
+  std::thread([worker] { delete worker; }).detach();
+}
+
+// Brings this object and its access manager to the calling thread, where the members then die.
+void QtHttpConnection::LeaveWorker() {
+  const auto ticket = std::make_shared<GateTicket>();
+  if (QCoreApplication::instance() &&
+      gate_->Post({SendGate::Verb::kLeave, nullptr, QThread::currentThread(), ticket})) {
+    while (QCoreApplication::instance()) {
+      if (ticket->WaitFor(kLookMs)) return;
+    }
+  }
+  // Without an application object no event reaches the worker. It has to end first; then everything on it may
+  // be touched from here.
+  worker_thread_->quit();
+  worker_thread_->wait();
+  if (!ticket->IsComplete()) ForgetReplies();
+}
+
+void QtHttpConnection::PrepareForDestruction(QThread* in_thread) {
+  Q_ASSERT(QThread::currentThread() == thread());
+  ForgetReplies();
+  // An object can only be pushed away from its own thread, which is why this is the worker's part.
+  moveToThread(in_thread);
+}
+
+// Requests in flight end here: they complete no more, and the queue of the base drops their references.
+void QtHttpConnection::ForgetReplies() {
+  gate_->Close();
+  for (auto it = replies_.constBegin(); it != replies_.constEnd(); ++it) {
+    it.value()->reply_ = nullptr;
+    it.key()->disconnect(this);
+  }
+  replies_.clear();
+}
+
+}  // namespace orvan::net
