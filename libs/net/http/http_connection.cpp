@@ -45,14 +45,17 @@ void* DeleteConnection(void* connection) {
 
 }  // namespace
 
-struct HttpConnection::CallbackService {
+struct HttpConnection::CallbackService : std::enable_shared_from_this<CallbackService> {
   explicit CallbackService(HttpConnection* owner) : connection(owner) {}
 
+  // Starts the thread, which holds this object for as long as it runs. It stays kInvalidThreadId on failure.
+  void StartThreadLocked() ORVAN_REQUIRES(lock);
   // Waits for the next completed request. Null once the thread has to end.
   HttpRequest* WaitForRequest();
   // Tells the thread to end before the next callback. Any thread, any number of times.
   void RequestExit();
   void Run();
+  static void* ThreadFunc(void* own);
 
   // Read by the callback thread in front of a callback only, and only for the hooks: until the thread is told
   // to end nobody destroys the connection, and afterwards its destructor waits for the running callback, or
@@ -65,6 +68,19 @@ struct HttpConnection::CallbackService {
   bool exit_requested ORVAN_GUARDED_BY(lock) = false;
   unsigned long thread ORVAN_GUARDED_BY(lock) = System::kInvalidThreadId;
 };
+
+void HttpConnection::CallbackService::StartThreadLocked() {
+  auto* const own = new std::shared_ptr<CallbackService>(shared_from_this());
+  thread = System::spawn(&ThreadFunc, own, "http_callback_handler");
+  if (thread == System::kInvalidThreadId) delete own;
+}
+
+void* HttpConnection::CallbackService::ThreadFunc(void* own) {
+  const std::unique_ptr<std::shared_ptr<CallbackService>> service(
+      static_cast<std::shared_ptr<CallbackService>*>(own));
+  (*service)->Run();
+  return nullptr;
+}
 
 HttpRequest* HttpConnection::CallbackService::WaitForRequest() {
   for (;;) {
@@ -115,7 +131,7 @@ HttpConnection::HttpConnection(const QString& host, bool secure, int port, Memor
       callback_service_(std::make_shared<CallbackService>(this)),
       is_insecure_quorex_conn_(IsInsecureQuorexConn(host, secure, port)) {
   SpinLockGuard guard(callback_service_->lock);
-  StartCallbackThreadLocked();  // last: the thread may use all of this object from here on
+  callback_service_->StartThreadLocked();  // last: the thread may use all of this object from here on
 }
 
 HttpConnection::~HttpConnection() {
@@ -145,19 +161,6 @@ void HttpConnection::DropRequests() {
   };
   while (HttpRequest* const request = pop_completed()) request->unref();  // the completed queue's own
   while (HttpRequest* const request = pop_async()) request->unref();      // passed by EnqueueRequest()
-}
-
-void HttpConnection::StartCallbackThreadLocked() {
-  auto* const service = new std::shared_ptr<CallbackService>(callback_service_);  // the thread's own
-  callback_service_->thread = System::spawn(&CallbackServiceThreadFunc, service, "http_callback_handler");
-  if (callback_service_->thread == System::kInvalidThreadId) delete service;
-}
-
-void* HttpConnection::CallbackServiceThreadFunc(void* service) {
-  const std::unique_ptr<std::shared_ptr<CallbackService>> own(
-      static_cast<std::shared_ptr<CallbackService>*>(service));
-  (*own)->Run();
-  return nullptr;
 }
 
 void HttpConnection::StopCallbacks() { callback_service_->RequestExit(); }
@@ -237,17 +240,19 @@ HttpRequest* HttpConnection::WaitForNextAsyncRequest() {
 }
 
 void HttpConnection::AppendCompletedRequest(HttpRequest* request) {
+  // Held: once the request is in the queue its callback may run, and destroy the connection.
+  const std::shared_ptr<CallbackService> service = callback_service_;
   bool was_empty;
   {
-    SpinLockGuard guard(callback_service_->lock);
+    SpinLockGuard guard(service->lock);
     // A machine that was out of threads when the connection was made delivers late, not never.
-    if (callback_service_->thread == System::kInvalidThreadId) StartCallbackThreadLocked();
+    if (service->thread == System::kInvalidThreadId) service->StartThreadLocked();
     request->ref();  // the completed queue's own
-    was_empty = callback_service_->completed_requests.IsEmpty();
-    callback_service_->completed_requests.AppendRequest(request);
+    was_empty = service->completed_requests.IsEmpty();
+    service->completed_requests.AppendRequest(request);
   }
   // The callback thread empties the queue whenever it wakes up, so only the first of a pile wakes it.
-  if (was_empty) callback_service_->wake_up.Post();
+  if (was_empty) service->wake_up.Post();
 }
 
 bool HttpConnection::DoPreSendRequest(HttpRequest* request) {

@@ -147,9 +147,7 @@ class ORVAN_NET_EXPORT HttpConnection {
   struct CallbackService;
 
   void DropRequests();
-  void StartCallbackThreadLocked();
   static void SetCookieImpl(const QString& base_url, const QString& name, const QString& value);
-  static void* CallbackServiceThreadFunc(void* service);
 
   const QString host_;
   const int port_;
