@@ -99,10 +99,13 @@ std::string RecordedRequest::Header(std::string_view name) const {
   return values.empty() ? std::string() : values.front();
 }
 
-Script& Script::Do(Step step) {
+Script& Script::Add(Step step, bool answers) {
   steps_.push_back(std::move(step));
+  if (answers) answering_ = steps_.size();
   return *this;
 }
+
+Script& Script::Do(Step step) { return Add(std::move(step), true); }
 
 Script& Script::Send(std::string bytes) {
   return Do([bytes = std::move(bytes)](Wire& wire) { return wire.Send(bytes); });
@@ -112,7 +115,8 @@ Script& Script::Drip(std::string bytes, size_t piece, int pause_ms) {
   return Do([bytes = std::move(bytes), piece, pause_ms](Wire& wire) {
     for (size_t at = 0; at < bytes.size(); at += piece) {
       if (at > 0 && !wire.Pause(pause_ms)) return false;
-      if (!wire.Send(std::string_view(bytes).substr(at, piece))) return false;
+      const bool more = at + piece < bytes.size();
+      if (!wire.Send(std::string_view(bytes).substr(at, piece), more)) return false;
     }
     return true;
   });
@@ -123,8 +127,8 @@ Script& Script::Endless(uint64_t count, char fill) {
     const std::string block(kFillBlock, fill);
     for (uint64_t left = count; left > 0;) {
       const auto now = static_cast<size_t>(std::min<uint64_t>(left, kFillBlock));
-      if (!wire.Send(std::string_view(block).substr(0, now))) return false;
       left -= now;
+      if (!wire.Send(std::string_view(block).substr(0, now), left > 0)) return false;
     }
     return true;
   });
@@ -135,10 +139,11 @@ Script& Script::Stall(Gate gate) {
 }
 
 Script& Script::Signal(Gate gate) {
-  return Do([gate = std::move(gate)](Wire&) {
+  const auto open = [gate = std::move(gate)](Wire&) {
     gate.Open();
     return true;
-  });
+  };
+  return Add(open, false);
 }
 
 Script& Script::Pause(int ms) {
@@ -152,20 +157,25 @@ Script& Script::ReadAndIgnore() {
 }
 
 Script& Script::Close() {
-  return Do([](Wire& wire) { return wire.Close(); });
+  return Add([](Wire& wire) { return wire.Close(); }, false);
 }
 
 Script& Script::Reset() {
-  return Do([](Wire& wire) { return wire.Reset(); });
+  return Add([](Wire& wire) { return wire.Reset(); }, false);
 }
 
 Script& Script::Then(const Script& other) {
+  if (other.answering_ > 0) answering_ = steps_.size() + other.answering_;
   steps_.insert(steps_.end(), other.steps_.begin(), other.steps_.end());
   return *this;
 }
 
 bool Script::Run(Wire& wire) const {
-  return std::all_of(steps_.begin(), steps_.end(), [&wire](const Step& step) { return step(wire); });
+  for (size_t step = 0; step < steps_.size(); ++step) {
+    if (step + 1 == answering_) wire.BeginLastStep();
+    if (!steps_[step](wire)) return false;
+  }
+  return true;
 }
 
 std::string Response(int status, const HeaderList& headers, std::string_view body) {

@@ -163,7 +163,8 @@ class LoopbackServer::Connection final : public Wire {
   }
   bool Finished() const { return finished_.load(std::memory_order_acquire); }
 
-  bool Send(std::string_view bytes) override {
+  bool Send(std::string_view bytes, bool more) override {
+    if (last_step_ && !more) EndRequest();
     while (!bytes.empty()) {
       const ssize_t sent = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
       if (sent < 0 && errno == EINTR) continue;
@@ -202,6 +203,7 @@ class LoopbackServer::Connection final : public Wire {
   }
 
   bool Close() override {
+    EndRequest();
     // Closing with bytes unread would be a reset, and that can take back what was sent.
     int unread = 0;
     while (ioctl(fd_, FIONREAD, &unread) == 0 && unread > 0 && ReadMore()) buffer_.clear();
@@ -210,11 +212,14 @@ class LoopbackServer::Connection final : public Wire {
   }
 
   bool Reset() override {
+    EndRequest();
     const linger none = {1, 0};
     setsockopt(fd_, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
     CloseDescriptor();
     return false;
   }
+
+  void BeginLastStep() override { last_step_ = true; }
 
  private:
   void Run() {
@@ -232,9 +237,16 @@ class LoopbackServer::Connection final : public Wire {
       RecordedRequest request;
       if (!ReadRequest(&request)) return;
       go_on = MayGoOn(request);
+      last_step_ = false;
+      request_runs_ = true;
       go_on = state_->Begin(std::move(request)).Run(*this) && go_on;
-      state_->End();
+      EndRequest();
     }
+  }
+
+  void EndRequest() {
+    if (request_runs_) state_->End();
+    request_runs_ = false;
   }
 
   // HTTP/1.0 clients that ask for keep-alive are not worth the trouble.
@@ -315,7 +327,10 @@ class LoopbackServer::Connection final : public Wire {
   std::mutex fd_mutex_;  // for writing fd_, and for reading it on any thread but thread_
   int fd_;
   const int wake_;
-  std::string buffer_;  // read and not yet taken; thread_ only
+  // thread_ only:
+  std::string buffer_;  // read and not yet taken
+  bool request_runs_ = false;
+  bool last_step_ = false;
   std::atomic<bool> finished_{false};
   std::thread thread_;
 };

@@ -41,7 +41,8 @@ struct RecordedRequest {
 // server stops); the script ends there and the connection is closed.
 class Wire {
  public:
-  virtual bool Send(std::string_view bytes) = 0;
+  // `more` says that the same step will send again.
+  virtual bool Send(std::string_view bytes, bool more = false) = 0;
   // Waits, but not for longer than the client stays and the server runs.
   virtual bool Pause(int ms) = 0;
   virtual bool WaitFor(const Gate& gate) = 0;
@@ -50,6 +51,8 @@ class Wire {
   // Ends the connection in order, after what was sent, or with a reset that lets sent bytes get lost.
   virtual bool Close() = 0;
   virtual bool Reset() = 0;
+  // Tells that no later step sends or waits: the request ends with this step's last bytes.
+  virtual void BeginLastStep() = 0;
 
  protected:
   ~Wire() = default;
@@ -91,7 +94,10 @@ class Script {
   bool Run(Wire& wire) const;
 
  private:
+  Script& Add(Step step, bool answers);
+
   std::vector<Step> steps_;
+  size_t answering_ = 0;  // how many steps there are up to the last one that sends or waits
 };
 
 // --- Correct responses, and the usual ways to be wrong.
@@ -160,7 +166,10 @@ class LoopbackServer {
   int Hits(const std::string& path) const;  // counted for the path, whatever the query
   int AcceptedConnections() const;
   int OpenConnections() const;
-  int RunningRequests() const;  // those whose script has not ended
+  // A request runs until the last bytes of its script are handed to the kernel, just before that: whoever
+  // has the whole answer finds it ended, so requests that a client makes one after the other never count as
+  // running together. One that the client has dropped counts until the server sees it.
+  int RunningRequests() const;
   int MaxRunningRequests() const;
   uint64_t BytesSent() const;
 

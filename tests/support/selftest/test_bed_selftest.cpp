@@ -124,6 +124,17 @@ TEST_F(LoopbackServerTest, AStallLastsUntilTheTestEndsIt) {
   EXPECT_EQ(Take(slow).body, "ok");
 }
 
+TEST_F(LoopbackServerTest, RequestsOneAfterTheOtherNeverRunTogether) {
+  server_.On("/a", Reply(200, {}, "a").Close());
+  server_.On("/b", Script().Drip(Response(200, {}, "b"), 20, 0));
+  for (int n = 0; n < 100; ++n) {
+    RawGet(server_, "/a");
+    RawGet(server_, "/b");
+  }
+  EXPECT_EQ(server_.RequestCount(), 200);
+  EXPECT_EQ(server_.MaxRunningRequests(), 1);
+}
+
 TEST_F(LoopbackServerTest, DripsCutsResetsAndFloods) {
   server_.On("/drip", Script().Drip(Response(200, {}, "drop by drop"), 7, 1));
   server_.On("/cut", CutBody("half", 8));
