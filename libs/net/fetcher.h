@@ -15,6 +15,7 @@
 #include "orvan/support/memory/ref_ptr.h"
 #include "orvan/support/memory/referent.h"
 #include "orvan/support/text/date_time.h"
+#include "orvan/support/thread/lock.h"
 
 namespace orvan {
 class WorkerThread;
@@ -75,8 +76,9 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
     FetchStore* store = nullptr;  // not owned
   };
 
-  // Starts a fetch. Between Init() and Shutdown(). Does not wait for the network. `manager` is the domain of
-  // the object, null for the default one.
+  // Starts a fetch, between net::Init() and net::Shutdown(); null before and after, when there is no factory,
+  // and then nothing calls back. Does not wait for the network. `manager` is the domain of the object, null
+  // for the default one.
   static RefPtr<Fetcher> fetch(const FetchParams& params, MemoryManager* manager);
 
   Fetcher(const QString& url, FetchCallback callback, void* user_data);
@@ -124,9 +126,10 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   // Lends the worker thread for asynchronous starts and extraction; null takes it back. Not owned.
   static void SetWorkerThread(WorkerThread* worker);
 
+  // Written at start and stop, on the main thread.
   static FetcherFactory* default_factory_;
-  static FetcherFactory* override_factory_;  // used instead if the application sets it; not owned
-  static ConnectionManager* s_connection_manager_;
+  static FetcherFactory* override_factory_;         // used instead if the application sets it; not owned
+  static ConnectionManager* s_connection_manager_;  // the one of all fetches; made by the first
   static WorkerThread* s_unzip_thread_;
 
  protected:
@@ -134,7 +137,45 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
 
  private:
   class InvokeCallbackJob;
-  // private part: left to fetcher's own author
+  friend class AsyncFetchJob;
+
+  bool AskNetwork(const FetchParams& params) ORVAN_REQUIRES(start_lock_);
+  FetchState TakeResponse();
+  FetchState TakeStatus(unsigned int status, const HttpRequest& response);
+  void ReadLastModified(const HttpRequest& response);
+  FetchState TakeLocalFile(const QString& file_name);
+  FetchState TakeAnythingElse();
+  FetchState ConsultStore(FetchState result);
+  void CancelAsyncJob();
+  void WaitForStart();
+  void ResetCallbackJob(InvokeCallbackJob* job);
+  void InvokeCallback(FetchState state);
+  void RemoveSelfRef();
+
+  // Held by fetch() and by all of DoFetch(), so that the end of a fetch, which may come on the main thread
+  // while another thread is still starting it, finds request_ and async_job_ assigned. Before every other
+  // lock; the end takes and releases it at once, and nobody cancels anything while holding it.
+  SpinLock start_lock_;
+
+  // Everything below is written by the thread that starts the fetch under start_lock_, and belongs to the
+  // main thread from then on.
+  RefPtr<InvokeCallbackJob> callback_job_;  // the delivery that is queued
+  QString url_;
+  QString fetch_url_;  // what was asked for; empty if nothing was
+  QString anchor_;
+  QString last_modified_;
+  DateTime last_modified_time_;
+  DateTime if_modified_since_;  // only set if the network is not asked
+  void* user_data_;             // not owned
+  FetchState state_ = kFetchFetching;
+  QByteArray bytes_;
+  bool is_kmz_ = false;
+  FetchCallback callback_;
+  RefPtr<NetworkRequest> request_;  // stays when the fetch has ended: the response's accessors read it
+  RefPtr<AsyncFetchJob> async_job_;
+  RefPtr<Fetcher> self_ref_;  // let go of by the end of the fetch, or by Stop()
+  mutable int mime_type_ = kMimeNone;
+  FetchStore* store_ = nullptr;  // not owned
 };
 
 // Makes the objects of all fetches.
