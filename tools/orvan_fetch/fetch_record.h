@@ -1,0 +1,45 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <optional>
+
+#include "orvan/net/fetcher.h"
+
+namespace orvan_fetch {
+
+// How one fetch ended, apart from the body.
+struct FetchRecord {
+  QString url;  // as it was given
+  int run = 1;  // counts the repetitions of that URL, from 1
+  double seconds = 0.0;
+
+  orvan::net::FetchState state = orvan::net::kFetchFetching;
+  QString document_url;  // without the anchor
+  QString anchor;
+  int mime = orvan::net::kMimeNone;
+  qint64 bytes = 0;
+  bool is_kmz = false;
+  QString content_type;
+  QString last_modified;          // as the server or the file told it
+  std::optional<double> expires;  // in seconds since 1970
+  QStringList headers;            // of the response
+
+  // What went wrong in this program, not in the library: the time was up, the result could not be written.
+  QString problem;
+  QString saved_as;  // empty if no file was written
+
+  // Whether the user got what was asked for.
+  bool IsGood(bool not_modified_is_good) const;
+  // Whether an answer without bytes is all that came, as for a document that was not modified.
+  bool IsEmptySuccess() const { return state == orvan::net::kFetchSuccess && bytes == 0; }
+};
+
+// Reads the result fields out of a fetch that has ended; url, run and seconds are left to the caller. Main
+// thread.
+FetchRecord RecordOf(const orvan::net::Fetcher& fetch);
+
+// "kml", "other" and so on, as reports call a media kind.
+QString NameOfMime(int mime);
+
+}  // namespace orvan_fetch

@@ -1,0 +1,107 @@
+// orvan-fetch: fetches documents through the library's exported interface and tells how each fetch ended.
+
+#include <signal.h>
+
+#include <QCoreApplication>
+#include <QSslCertificate>
+#include <QSslConfiguration>
+#include <QTextCodec>
+#include <QTimer>
+
+#include "orvan/net/fetcher.h"
+#include "orvan/net/http/http_connection_factory.h"
+#include "orvan/net/net_init.h"
+#include "orvan/support/thread/worker_thread.h"
+#include "tools/orvan_fetch/body_sink.h"
+#include "tools/orvan_fetch/interrupts.h"
+#include "tools/orvan_fetch/options.h"
+#include "tools/orvan_fetch/report.h"
+#include "tools/orvan_fetch/runner.h"
+
+namespace orvan_fetch {
+namespace {
+
+constexpr int kExitSignal = 128;  // plus the signal's number, as shells say it
+
+// The library between its start and its stop. Stands behind the QCoreApplication, so that it stops first.
+class LibraryInUse {
+ public:
+  explicit LibraryInUse(const Options& options) {
+    orvan::net::Init(QString(), QString());
+    if (options.async) {
+      worker_ = std::make_unique<orvan::WorkerThread>("orvan-fetch");
+      orvan::net::Fetcher::SetWorkerThread(worker_.get());
+    }
+    if (options.https_upgrade) UpgradeToHttps(options);
+  }
+  // Every fetch has ended or was stopped before.
+  ~LibraryInUse() {
+    orvan::net::Fetcher::SetWorkerThread(nullptr);
+    worker_.reset();
+    orvan::net::Shutdown();
+  }
+  LibraryInUse(const LibraryInUse&) = delete;
+  LibraryInUse& operator=(const LibraryInUse&) = delete;
+
+ private:
+  static orvan::mmvector<QString> HostList(const QStringList& hosts) {
+    return orvan::mmvector<QString>(hosts.cbegin(), hosts.cend());
+  }
+  // A list that was not given leaves the library's own defaults in force.
+  static void UpgradeToHttps(const Options& options) {
+    using orvan::net::HttpConnectionFactory;
+    HttpConnectionFactory::UseSecureConnectionsForQuorex(true);
+    if (!options.secure_domains.isEmpty()) {
+      HttpConnectionFactory::SetSecureDomains(HostList(options.secure_domains));
+    }
+    if (!options.insecure_hosts.isEmpty()) {
+      HttpConnectionFactory::SetInsecureHosts(HostList(options.insecure_hosts));
+    }
+  }
+
+  std::unique_ptr<orvan::WorkerThread> worker_;  // only for --async
+};
+
+// Adds the authorities in the file to those that every connection trusts. False if there are none.
+bool TrustAuthorities(const QString& file) {
+  const QList<QSslCertificate> authorities = QSslCertificate::fromPath(file);
+  if (authorities.isEmpty()) return false;
+  QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+  // Not a slip: Qt loads the system's authorities when they are needed, and stops to do so once a list is
+  // set.
+  configuration.setCaCertificates(QSslConfiguration::systemCaCertificates() + authorities);
+  QSslConfiguration::setDefaultConfiguration(configuration);
+  return true;
+}
+
+int Run(const Options& options) {
+  BodySink sink(options);
+  const QString problem = sink.Prepare();
+  if (!problem.isEmpty()) return BadUsage(problem);
+  if (!options.authority_file.isEmpty() && !TrustAuthorities(options.authority_file)) {
+    return BadUsage(QStringLiteral("--cacert %1: no certificate to read there").arg(options.authority_file));
+  }
+  Report report(options);
+  const LibraryInUse library(options);
+  Runner runner(options, &sink, &report);
+  const Interrupts interrupts([&](int signal_number) { runner.Interrupt(kExitSignal + signal_number); });
+  QTimer::singleShot(0, [&] { runner.Start(); });
+  return QCoreApplication::exec();
+}
+
+}  // namespace
+}  // namespace orvan_fetch
+
+int main(int argc, char** argv) {
+  // File names and arguments are UTF-8, also where the locale is the bare "C" of a container or a CI job.
+  QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+  orvan_fetch::Options options;
+  int exit_status = 0;
+  if (!orvan_fetch::ParseOptions(argc, argv, &options, &exit_status)) return exit_status;
+
+  // A reader of our output that goes away shows as a failed write, after which everything is stopped in
+  // order.
+  signal(SIGPIPE, SIG_IGN);
+  const QCoreApplication app(argc, argv);
+  return orvan_fetch::Run(options);
+}

@@ -1,0 +1,227 @@
+#include "tools/orvan_fetch/options.h"
+
+#include <CLI/CLI.hpp>
+#include <QFile>
+#include <QFileInfo>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "orvan/support/text/date_time.h"
+#include "tools/orvan_fetch/printable.h"
+
+namespace orvan_fetch {
+namespace {
+
+constexpr int kMostParallel = 100000;
+constexpr int kMostRepeats = 1000000;
+
+const char kDescription[] =
+    "Fetches documents by URL (http, https, file), local path or Qt resource path (\":/...\") and tells how\n"
+    "each fetch ended.";
+const char kFooter[] =
+    "\nExit status: 0 if every fetch ended well, 1 if one failed, 2 for bad usage, 130 after Ctrl-C.\n"
+    "With --if-modified-since, \"not modified\" counts as well.";
+
+// The command line as it was typed, before anything is made of it.
+struct Arguments {
+  std::vector<std::string> urls;
+  std::string list_file;
+  std::string output;
+  std::vector<std::string> header_lines;
+  std::vector<std::string> cookies;
+  std::string user_agent;
+  std::string if_modified_since;
+  bool no_cache = false;
+  std::vector<std::string> secure_domains;
+  std::vector<std::string> insecure_hosts;
+  std::string authority_file;
+};
+
+// Each use of such an option brings one value: "-H 'A: b' http://host/" leaves the URL alone.
+CLI::Option* AddList(CLI::App* app, const std::string& name, std::vector<std::string>* values,
+                     const std::string& text) {
+  return app->add_option(name, *values, text)->allow_extra_args(false);
+}
+
+void Describe(CLI::App* app, Arguments* arguments, Options* options) {
+  app->description(kDescription);
+  app->footer(kFooter);
+  app->set_version_flag("--version", "orvan-fetch " ORVAN_FETCH_VERSION);
+  app->add_option("url", arguments->urls, "what to fetch")->type_name("URL");
+  app->add_option("-i,--input", arguments->list_file,
+                  "also fetch the URLs in FILE, one a line (-: standard input)")
+      ->type_name("FILE");
+
+  app->add_option(
+         "-o,--output", arguments->output,
+         "write the document to FILE; to DIR/, under a name taken from its URL; or, for -, to standard "
+         "output and nothing else there")
+      ->type_name("FILE|DIR/|-");
+  app->add_flag("--json", options->json, "report each fetch as a JSON object on one line");
+  app->add_flag("--include", options->include_headers, "report the response headers too");
+
+  AddList(app, "-H,--header", &arguments->header_lines, "send this header line")->type_name("LINE");
+  AddList(app, "-b,--cookie", &arguments->cookies, "send this cookie")->type_name("NAME=VALUE");
+  app->add_option("-A,--user-agent", arguments->user_agent, "send this user agent")->type_name("TEXT");
+  app->add_option("--if-modified-since", arguments->if_modified_since,
+                  "fetch only what is newer, as in \"Tue, 01 Jul 2025 10:00:00 GMT\"")
+      ->type_name("DATE");
+  app->add_flag("--no-cache", arguments->no_cache, "do not read or write caches");
+
+  app->add_flag("--async", options->async, "start each fetch on a worker thread");
+  app->add_option("--parallel", options->parallel, "at most so many fetches at a time")
+      ->capture_default_str()
+      ->type_name("N")
+      ->check(CLI::Range(1, kMostParallel));
+  app->add_option("--repeat", options->repeat, "fetch each URL so many times")
+      ->capture_default_str()
+      ->type_name("N")
+      ->check(CLI::Range(1, kMostRepeats));
+  app->add_option("--timeout", options->timeout_seconds, "give a fetch up after so long (otherwise never)")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.001, 1e6));
+
+  auto* upgrade = app->add_flag("--https-upgrade", options->https_upgrade,
+                                "use HTTPS in place of plain HTTP for hosts in secure domains");
+  AddList(app, "--secure-domain", &arguments->secure_domains, "a secure domain: hosts that end with .DOMAIN")
+      ->type_name("DOMAIN")
+      ->needs(upgrade);
+  AddList(app, "--insecure-host", &arguments->insecure_hosts, "a host to leave alone all the same")
+      ->type_name("HOST")
+      ->needs(upgrade);
+  app->add_option("--cacert", arguments->authority_file,
+                  "trust the certificate authorities in FILE (PEM) too")
+      ->type_name("FILE");
+}
+
+QString Text(const std::string& text) { return QString::fromStdString(text); }
+
+QStringList Texts(const std::vector<std::string>& texts) {
+  QStringList list;
+  for (const std::string& text : texts) list.append(Text(text));
+  return list;
+}
+
+// A line end inside a header would begin another one. The library knows how to prevent that; here it can
+// only be a mistake.
+bool HasControlCharacter(const QString& text) {
+  for (const QChar c : text) {
+    if (c.unicode() < 0x20 || c.unicode() == 0x7F) return true;
+  }
+  return false;
+}
+
+// The operations below return an empty text, or what is wrong.
+
+// Adds the URLs of a list: one a line, without blanks around it; empty lines and those with # in front are
+// passed over.
+QString ReadList(const QString& name, QStringList* urls) {
+  QFile file(name);
+  const bool opened =
+      name == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly);
+  if (!opened) return QStringLiteral("cannot read the list %1: %2").arg(name, file.errorString());
+  while (true) {
+    const QByteArray line = file.readLine();
+    if (line.isEmpty()) break;
+    const QString url = QString::fromUtf8(line).trimmed();
+    if (!url.isEmpty() && !url.startsWith(QLatin1Char('#'))) urls->append(url);
+  }
+  if (file.error() == QFileDevice::NoError) return QString();
+  return QStringLiteral("cannot read the list %1: %2").arg(name, file.errorString());
+}
+
+QString TakeUrls(const Arguments& arguments, Options* options) {
+  options->urls = Texts(arguments.urls);
+  if (!arguments.list_file.empty()) {
+    const QString problem = ReadList(Text(arguments.list_file), &options->urls);
+    if (!problem.isEmpty()) return problem;
+  }
+  if (options->urls.isEmpty()) return QStringLiteral("no URL to fetch");
+  if (options->urls.size() > INT_MAX / options->repeat) return QStringLiteral("too many fetches");
+  return QString();
+}
+
+QString TakeOutput(const Arguments& arguments, Options* options) {
+  const QString output = Text(arguments.output);
+  if (output.isEmpty()) return QString();
+  options->output_path = output;
+  if (output == QLatin1String("-")) {
+    options->output = OutputPlace::kStandardOutput;
+    options->parallel = 1;  // the documents come one after the other, in the order given
+  } else if (output.endsWith(QLatin1Char('/')) || QFileInfo(output).isDir()) {
+    options->output = OutputPlace::kDirectory;
+  } else {
+    options->output = OutputPlace::kFile;
+    if (options->FetchCount() > 1) {
+      return QStringLiteral("-o %1 has room for one document, not for %2; a directory ends with a slash")
+          .arg(output)
+          .arg(options->FetchCount());
+    }
+  }
+  return QString();
+}
+
+QString TakeRequestFields(const Arguments& arguments, Options* options) {
+  options->header_lines = Texts(arguments.header_lines);
+  for (const QString& line : options->header_lines) {
+    if (line.indexOf(QLatin1Char(':')) < 1) {
+      return QStringLiteral("-H wants \"Name: value\", not \"%1\"").arg(line);
+    }
+    if (HasControlCharacter(line)) return QStringLiteral("-H %1: a control character inside").arg(line);
+  }
+  for (const QString& cookie : Texts(arguments.cookies)) {
+    const int equals = cookie.indexOf(QLatin1Char('='));
+    if (equals < 1) return QStringLiteral("-b wants NAME=VALUE, not \"%1\"").arg(cookie);
+    if (HasControlCharacter(cookie)) return QStringLiteral("-b %1: a control character inside").arg(cookie);
+    options->cookies.append({cookie.left(equals), cookie.mid(equals + 1)});
+  }
+  options->user_agent = Text(arguments.user_agent);
+  if (HasControlCharacter(options->user_agent)) {
+    return QStringLiteral("-A %1: a control character inside").arg(options->user_agent);
+  }
+  options->if_modified_since = Text(arguments.if_modified_since);
+  if (!options->if_modified_since.isEmpty() && !orvan::DateTime().ParseHttpDate(options->if_modified_since)) {
+    return QStringLiteral(
+               "--if-modified-since wants a date like \"Tue, 01 Jul 2025 10:00:00 GMT\", not \"%1\"")
+        .arg(options->if_modified_since);
+  }
+  options->use_cache = !arguments.no_cache;
+  return QString();
+}
+
+}  // namespace
+
+int BadUsage(const QString& reason) {
+  std::fprintf(stderr, "orvan-fetch: %s\n", Printable(reason).toUtf8().constData());
+  return kExitBadUsage;
+}
+
+bool ParseOptions(int argc, char** argv, Options* options, int* exit_status) {
+  CLI::App app;
+  app.name("orvan-fetch");
+  Arguments arguments;
+  Describe(&app, &arguments, options);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& success) {  // help or the version
+    *exit_status = app.exit(success);
+    return false;
+  } catch (const CLI::ParseError& error) {
+    const QString reason = QString::fromUtf8(error.what()).simplified();
+    *exit_status = BadUsage(reason + QStringLiteral(" (see orvan-fetch --help)"));
+    return false;
+  }
+  options->secure_domains = Texts(arguments.secure_domains);
+  options->insecure_hosts = Texts(arguments.insecure_hosts);
+  options->authority_file = Text(arguments.authority_file);
+
+  QString problem = TakeRequestFields(arguments, options);
+  if (problem.isEmpty()) problem = TakeUrls(arguments, options);
+  if (problem.isEmpty()) problem = TakeOutput(arguments, options);
+  if (problem.isEmpty()) return true;
+  *exit_status = BadUsage(problem);
+  return false;
+}
+
+}  // namespace orvan_fetch

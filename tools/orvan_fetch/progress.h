@@ -1,0 +1,41 @@
+#pragma once
+
+#include <QElapsedTimer>
+#include <QTimer>
+#include <QtGlobal>
+
+namespace orvan_fetch {
+
+// How far a run of many fetches has come. `done` includes the failed ones.
+struct RunTotals {
+  int done = 0;
+  int failed = 0;
+  qint64 bytes = 0;
+};
+
+// The line on standard error that tells how a run goes, while it goes: done, failed, bytes, rate. Only for
+// more than one fetch, and only on a terminal; otherwise nothing here does anything.
+class Progress {
+ public:
+  explicit Progress(int total);
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  // The line is drawn a few times a second, however often this is called.
+  void Update(const RunTotals& totals);
+  // Takes the line away, for others to write; it comes back by itself.
+  void Clear();
+
+ private:
+  void Draw();
+
+  const int total_;
+  const bool shown_;
+  RunTotals totals_;
+  bool drawn_ = false;  // the line stands on the terminal
+  QElapsedTimer clock_;
+  QTimer timer_;
+};
+
+}  // namespace orvan_fetch

@@ -1,0 +1,92 @@
+#include "tools/orvan_fetch/report.h"
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QLocale>
+#include <cmath>
+
+#include "orvan/net/http/http_status.h"
+#include "tools/orvan_fetch/printable.h"
+
+namespace orvan_fetch {
+namespace {
+
+QString HttpDate(double seconds_since_1970) {
+  const QDateTime moment =
+      QDateTime::fromMSecsSinceEpoch(static_cast<qint64>(seconds_since_1970 * 1000), Qt::UTC);
+  return QLocale::c().toString(moment, QStringLiteral("ddd, dd MMM yyyy hh:mm:ss 'GMT'"));
+}
+
+QString Seconds(double seconds) { return QStringLiteral("%1 s").arg(seconds, 0, 'f', 3); }
+
+}  // namespace
+
+Report::Report(const Options& options)
+    : options_(options), stream_(options.output == OutputPlace::kStandardOutput ? stderr : stdout) {}
+
+bool Report::Print(const FetchRecord& record) {
+  const QByteArray text = options_.json ? AsJson(record) : AsText(record);
+  const bool written = std::fwrite(text.constData(), 1, static_cast<size_t>(text.size()), stream_) ==
+                       static_cast<size_t>(text.size());
+  return std::fflush(stream_) == 0 && written;
+}
+
+void Report::PrintTotals(const RunTotals& totals, double seconds) {
+  if (options_.json || options_.FetchCount() <= 1) return;
+  std::fprintf(stream_, "%d fetches, %d failed, %s in %s\n", totals.done, totals.failed,
+               ByteCount(static_cast<double>(totals.bytes)).toUtf8().constData(),
+               Seconds(seconds).toUtf8().constData());
+  std::fflush(stream_);
+}
+
+QByteArray Report::AsText(const FetchRecord& record) const {
+  const bool good = record.IsGood(!options_.if_modified_since.isEmpty());
+  QStringList lines;
+  lines.append((good ? QStringLiteral("ok      ") : QStringLiteral("FAILED  ")) + record.url);
+  if (!record.problem.isEmpty()) lines.append(record.problem);
+  lines.append(
+      QStringLiteral("state %1: %2").arg(record.state).arg(orvan::net::GetFetchStateText(record.state)));
+  lines.append(QStringLiteral("%1, %2, %3")
+                   .arg(NameOfMime(record.mime), QStringLiteral("%1 bytes").arg(record.bytes),
+                        Seconds(record.seconds)));
+  if (!record.last_modified.isEmpty()) lines.append(QStringLiteral("last modified ") + record.last_modified);
+  if (record.expires) lines.append(QStringLiteral("expires ") + HttpDate(*record.expires));
+  if (!record.anchor.isEmpty()) lines.append(QStringLiteral("anchor ") + record.anchor);
+  if (!record.saved_as.isEmpty()) lines.append(QStringLiteral("saved as ") + record.saved_as);
+  if (options_.include_headers) {
+    for (const QString& header : record.headers) lines.append(QStringLiteral("< ") + header);
+  }
+  QString text;
+  for (const QString& line : lines) {
+    if (!text.isEmpty()) text += QLatin1String("        ");
+    text += Printable(line) + QLatin1Char('\n');
+  }
+  return text.toUtf8();
+}
+
+QByteArray Report::AsJson(const FetchRecord& record) const {
+  QJsonObject object{
+      {QStringLiteral("url"), record.url},
+      {QStringLiteral("run"), record.run},
+      {QStringLiteral("ok"), record.IsGood(!options_.if_modified_since.isEmpty())},
+      {QStringLiteral("state"), record.state},
+      {QStringLiteral("text"), orvan::net::GetFetchStateText(record.state)},
+      {QStringLiteral("problem"), record.problem},
+      {QStringLiteral("mime"), NameOfMime(record.mime)},
+      {QStringLiteral("content_type"), record.content_type},
+      {QStringLiteral("bytes"), record.bytes},
+      {QStringLiteral("is_kmz"), record.is_kmz},
+      {QStringLiteral("last_modified"), record.last_modified},
+      {QStringLiteral("expires"), record.expires ? HttpDate(*record.expires) : QString()},
+      {QStringLiteral("anchor"), record.anchor},
+      {QStringLiteral("seconds"), std::round(record.seconds * 1e6) / 1e6},
+      {QStringLiteral("saved_as"), record.saved_as},
+  };
+  if (options_.include_headers) {
+    object.insert(QStringLiteral("headers"), QJsonArray::fromStringList(record.headers));
+  }
+  return JsonLine(object) + '\n';
+}
+
+}  // namespace orvan_fetch
