@@ -1,13 +1,10 @@
 #pragma once
 
-#include <chrono>
 #include <functional>
 
 #include "orvan/support/export.h"
 #include "orvan/support/job/job.h"
 #include "orvan/support/job/timer.h"
-
-class QObject;
 
 namespace orvan {
 
@@ -48,6 +45,7 @@ class ORVAN_SUPPORT_EXPORT EventPump {
   int GetQueueLength() const;
 
  private:
+  friend struct EventPumpStartup;
   struct Private;
   EventPump();
   ~EventPump() = delete;

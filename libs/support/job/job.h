@@ -74,6 +74,8 @@ class ORVAN_SUPPORT_EXPORT AbstractJob : public AtomicReferent {
 
   bool IsRemoved() const { return removed_.load(std::memory_order_acquire); }
   const QString& name() const { return name_; }
+  // Which threads may run the job. Nothing here looks at it.
+  ThreadMask mask() const { return mask_; }
 
  protected:
   void SetRemoved() { removed_.store(true, std::memory_order_release); }

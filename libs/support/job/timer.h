@@ -30,7 +30,9 @@ class ORVAN_SUPPORT_EXPORT SyncMethod {
   void Withdraw();
 
  private:
+  friend class EventPump;
   const char* const name_;
+  int queued_calls_ = 0;  // the event pump's, under its lock
 };
 
 // Calls Fire() on the main thread after an interval, once or again and again.
