@@ -26,8 +26,8 @@ qint64 SecondsOf(const QDate& date, int hour, int minute, int second) {
 // constant QRegularExpression is safe on any thread.
 const QRegularExpression* HttpDateForms() {
   static const QRegularExpression* const forms = [] {
-    const QString weekday = QStringLiteral(
-        "^\\s*(?:(?:Sun|Mon|Tue|Wed|Thu|Fri|Sat)|(?:Sun|Mon|Tues|Wednes|Thurs|Fri|Satur)day)\\s*");
+    const QString weekday =
+        QStringLiteral("^\\s*(?:(?:Sun|Mon|Tue|Wed|Thu|Fri|Sat)|(?:Sun|Mon|Tues|Wednes|Thurs|Fri|Satur)day)");
     const QString day = QStringLiteral("(?<day>\\d{1,2})");
     const QString month = QStringLiteral("(?<month>[a-z]{3})");
     const QString year = QStringLiteral("(?<year>\\d{4}|\\d{2})");
@@ -35,11 +35,11 @@ const QRegularExpression* HttpDateForms() {
     const QString gmt = QStringLiteral("\\s+GMT\\s*$");
     const QString blanks = QStringLiteral("\\s+");
     const QString dash = QStringLiteral("\\s*-\\s*");
-    const QString comma = QStringLiteral(",\\s*");
+    const QString comma = QStringLiteral("\\s*,\\s*");
     const QString patterns[] = {
         weekday + comma + day + blanks + month + blanks + year + time + gmt,  // Sun, 06 Nov 1994 08:49:37 GMT
         weekday + comma + day + dash + month + dash + year + time + gmt,  // Sunday, 06-Nov-94 08:49:37 GMT
-        weekday + month + blanks + day + time + blanks + year +
+        weekday + blanks + month + blanks + day + time + blanks + year +
             QStringLiteral("\\s*$"),  // Sun Nov  6 08:49:37 1994
     };
     auto* const built = new QRegularExpression[3];

@@ -6,7 +6,7 @@
 
 namespace orvan {
 
-enum SignatureAlgorithm {
+enum SignatureAlgorithm : int {
   kSignatureHmacSha1 = 1,  // RFC 2104 with SHA-1; 20 bytes
 };
 

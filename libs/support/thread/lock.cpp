@@ -9,6 +9,16 @@
 #include <cerrno>
 #include <climits>
 
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#include <sanitizer/tsan_interface.h>
+#define ORVAN_TSAN_ACQUIRE(address) __tsan_acquire(address)
+#endif
+#endif
+#ifndef ORVAN_TSAN_ACQUIRE
+#define ORVAN_TSAN_ACQUIRE(address) static_cast<void>(address)
+#endif
+
 namespace orvan {
 
 namespace {
@@ -162,6 +172,8 @@ bool Semaphore::wait_for(unsigned int milliseconds) {
   do {
     result = sem_clockwait(&semaphore_, CLOCK_MONOTONIC, &deadline);
   } while (result != 0 && errno == EINTR);
+  // ThreadSanitizer knows sem_wait() and sem_timedwait(), but not this one of the family.
+  if (result == 0) ORVAN_TSAN_ACQUIRE(&semaphore_);
   return result == 0;
 }
 

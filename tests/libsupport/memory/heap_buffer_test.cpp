@@ -1,0 +1,116 @@
+#include "orvan/support/memory/heap_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+
+#include "orvan/support/memory/containers.h"
+
+namespace orvan {
+namespace {
+
+// A domain with a ceiling, which must be empty again at the end.
+struct Limited : HeapManager {
+  explicit Limited(std::size_t ceiling) : HeapManager(nullptr) { SetCeiling(ceiling); }
+  ~Limited() override { EXPECT_EQ(GetBytesInUse(), 0u); }
+};
+
+TEST(HeapBufferTest, ARefusalIsNullOrFalseAndLosesNothing) {
+  Limited domain(100);
+  EXPECT_EQ(HeapBuffer::create(&domain, 101, 0), nullptr);
+  EXPECT_EQ(HeapBuffer::CreateFromQtBuffer(&domain, QByteArray(101, 'x')), nullptr);
+  EXPECT_EQ(domain.GetBytesInUse(), 0u);
+
+  HeapBuffer* buffer = HeapBuffer::CreateFromQtBuffer(&domain, QByteArray(60, 'x'));
+  ASSERT_TRUE(buffer);
+  EXPECT_FALSE(buffer->AppendData(QByteArray(41, 'y').constData(), 41));
+  EXPECT_EQ(buffer->ToQByteArray(), QByteArray(60, 'x'));
+  EXPECT_EQ(domain.GetBytesInUse(), 60u);
+  // Doubling would go beyond the ceiling, the bytes themselves do not.
+  EXPECT_TRUE(buffer->AppendData(QByteArray(40, 'y').constData(), 40));
+  EXPECT_EQ(buffer->ToQByteArray(), QByteArray(60, 'x') + QByteArray(40, 'y'));
+  EXPECT_EQ(HeapBuffer::create(&domain, 1, 0), nullptr);
+  buffer->unref();
+}
+
+TEST(HeapBufferTest, SizesOutOfRangeAreRefused) {
+  EXPECT_EQ(HeapBuffer::create(nullptr, HeapBuffer::kMaxBytes + 1, 0), nullptr);
+  EXPECT_EQ(HeapBuffer::create(nullptr, 0xFFFFFFFFu, 0), nullptr);
+  HeapBuffer* buffer = HeapBuffer::create(nullptr, 0, 0);
+  ASSERT_TRUE(buffer);
+  EXPECT_FALSE(buffer->AppendData("x", -1));
+  EXPECT_FALSE(buffer->ToQByteArray().isNull());
+  EXPECT_TRUE(buffer->AppendData("x", 1));
+  EXPECT_FALSE(buffer->AppendData("x", INT_MAX - 64)) << "the sum is what counts";
+  EXPECT_EQ(buffer->ToQByteArray(), QByteArray("x"));
+  buffer->unref();
+}
+
+TEST(HeapBufferTest, SharesItsBlockAndKeepsBothSidesApart) {
+  Limited domain(0);
+  const QByteArray source(1000, 'a');
+  HeapBuffer* buffer = HeapBuffer::CreateFromQtBuffer(&domain, source);
+  const QByteArray full = buffer->ToQByteArray();
+  EXPECT_EQ(full.constData(), source.constData()) << "a full block is shared, not copied";
+  buffer->data()[0] = 'b';
+  EXPECT_EQ(full.at(0), 'a');
+  EXPECT_EQ(source.at(0), 'a');
+  EXPECT_TRUE(buffer->AppendData("tail", 4));
+  EXPECT_EQ(buffer->ToQByteArray(), 'b' + QByteArray(999, 'a') + "tail");
+  EXPECT_EQ(domain.GetBytesInUse(), buffer->capacity());
+  buffer->Trim();
+  EXPECT_EQ(domain.GetBytesInUse(), 1004u);
+  const QByteArray kept = buffer->ToQByteArray();
+  EXPECT_EQ(kept.constData(), static_cast<const HeapBuffer*>(buffer)->data());
+  buffer->unref();
+  EXPECT_EQ(kept.size(), 1004);
+
+  char foreign[] = "borrowed";
+  buffer = HeapBuffer::CreateFromQtBuffer(&domain, QByteArray::fromRawData(foreign, 8));
+  foreign[0] = 'X';  // memory of somebody else may change or go, so it is copied
+  EXPECT_EQ(buffer->ToQByteArray(), QByteArray("borrowed"));
+  buffer->unref();
+}
+
+TEST(HeapBufferTest, AppendsBytesOfItsOwn) {
+  HeapBuffer* buffer = HeapBuffer::CreateFromQtBuffer(nullptr, QByteArray("0123456789abcdef").repeated(64));
+  const QByteArray once = buffer->ToQByteArray();
+  EXPECT_TRUE(buffer->AppendData(static_cast<const HeapBuffer*>(buffer)->data() + 8, 1000));
+  EXPECT_EQ(buffer->ToQByteArray(), once + once.mid(8, 1000));
+  buffer->unref();
+}
+
+// Objects of a domain die by plain delete; the sanitizers see a mismatch of the two operators.
+struct Tied : MemoryObject {
+  virtual ~Tied() = default;
+  char bytes[40];
+};
+struct alignas(64) Aligned {
+  char bytes[64];
+};
+
+TEST(MemoryTest, ObjectsOfADomainDieByPlainDelete) {
+  HeapManager* domain = HeapManager::GetTransientHeap();
+  delete new (domain) QByteArray("plain");
+  delete new (domain) Tied;
+  delete new Tied;
+  auto* aligned = new (domain) Aligned;
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(aligned) % 64, 0u);
+  delete aligned;
+  alignas(Tied) char place[sizeof(Tied)];
+  (new (place) Tied)->~Tied();
+  doDelete(doNew(10, nullptr));
+}
+
+TEST(MemoryTest, ListsOfDifferentDomainsCanBeSpliced) {
+  mmlist<int> a{mmallocator<int>(HeapManager::GetStaticHeap())};
+  mmlist<int> b{mmallocator<int>(HeapManager::GetDynamicHeap())};
+  a.push_back(1);
+  b.push_back(2);
+  a.splice(a.end(), b);
+  b.swap(a);
+  EXPECT_EQ(b.back(), 2);
+}
+
+}  // namespace
+}  // namespace orvan

@@ -1,0 +1,181 @@
+#include "orvan/support/thread/lock.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "orvan/support/thread/system.h"
+#include "tests/support/wait.h"
+#include "tests/support/watchdog.h"
+
+namespace orvan {
+namespace {
+
+using test::kWaitMs;
+
+// Taken by a static that is initialised first: were the lock initialised dynamically, it would be free again.
+extern SpinLock g_static_lock;
+struct TakesIt {
+  TakesIt() { g_static_lock.lock(); }
+} g_takes_it;
+SpinLock g_static_lock;
+
+TEST(SpinLockTest, StaticLocksWorkBeforeTheirInitialisation) ORVAN_NO_THREAD_SAFETY_ANALYSIS {
+  static_assert(std::is_trivially_destructible_v<SpinLock>, "and after the end of the statics");
+  EXPECT_TRUE(g_static_lock.IsHeldByThisThread());
+  g_static_lock.unlock();
+  EXPECT_FALSE(g_static_lock.IsHeldByThisThread());
+}
+
+bool TryFromAnotherThread(SpinLock& lock) {
+  bool taken = false;
+  std::thread([&]() ORVAN_NO_THREAD_SAFETY_ANALYSIS {
+    taken = lock.trylock();
+    if (taken) lock.unlock();
+  }).join();
+  return taken;
+}
+
+TEST(SpinLockTest, TheOwnerMayTakeItAgainAndNobodyElse) ORVAN_NO_THREAD_SAFETY_ANALYSIS {
+  SpinLock lock;
+  lock.lock();
+  EXPECT_TRUE(lock.trylock()) << "trylock() does not keep out of its own thread's way";
+  lock.lock();
+  for (int held = 3; held > 0; --held) {
+    EXPECT_FALSE(TryFromAnotherThread(lock)) << held;
+    lock.unlock();
+  }
+  EXPECT_TRUE(TryFromAnotherThread(lock));
+}
+
+TEST(SpinLockTest, KeepsThreadsApart) {
+  test::Watchdog watchdog(60, "SpinLock contention");
+  constexpr int kThreads = 4, kRounds = 20000;
+  SpinLock lock;
+  long count = 0;  // plain: a lock that lets two in loses some of the steps
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&]() ORVAN_NO_THREAD_SAFETY_ANALYSIS {
+      for (int round = 0; round < kRounds; ++round) {
+        SpinLockGuard outer(lock);
+        SpinLockGuard inner(lock);
+        ++count;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(count, long{kThreads} * kRounds);
+}
+
+TEST(SpinLockTest, WakesEverySleeper) {
+  SpinLock lock;
+  Semaphore entered(0);
+  std::vector<std::thread> threads;
+  {
+    SpinLockGuard guard(lock);
+    for (int i = 0; i < 3; ++i) {
+      threads.emplace_back([&] {
+        SpinLockGuard inner(lock);
+        entered.Post();
+      });
+    }
+    EXPECT_FALSE(entered.wait_for(50));  // long enough for all three to fall asleep
+  }
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(entered.wait_for(kWaitMs));
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST(SemaphoreTest, MayBeDestroyedAsSoonAsTheWaitReturns) {
+  test::Watchdog watchdog(60, "semaphores destroyed under their poster");
+  constexpr int kRounds = 5000;
+  std::atomic<Semaphore*> next{nullptr};
+  std::thread poster([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      Semaphore* semaphore;
+      while (!(semaphore = next.exchange(nullptr))) std::this_thread::yield();
+      semaphore->Post();
+    }
+  });
+  for (int i = 0; i < kRounds; ++i) {
+    const auto semaphore = std::make_unique<Semaphore>(0);
+    next = semaphore.get();
+    semaphore->wait();
+  }
+  poster.join();
+}
+
+Semaphore g_interrupted(0);
+
+TEST(SemaphoreTest, ASignalDoesNotEndTheWait) {
+  struct sigaction action = {}, before;
+  action.sa_handler = [](int) { g_interrupted.Post(); };  // without SA_RESTART
+  ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
+  Semaphore semaphore(0), started(0), ended(0);
+  std::thread waiter([&] {
+    started.Post();
+    semaphore.wait();
+    ended.Post();
+  });
+  ASSERT_TRUE(started.wait_for(kWaitMs));
+  for (int i = 0; i < 5; ++i) {  // the first may come before the wait has begun
+    pthread_kill(waiter.native_handle(), SIGUSR1);
+    ASSERT_TRUE(g_interrupted.wait_for(kWaitMs));
+    EXPECT_FALSE(ended.wait_for(10));
+  }
+  semaphore.Post();
+  EXPECT_TRUE(ended.wait_for(kWaitMs));
+  waiter.join();
+  sigaction(SIGUSR1, &before, nullptr);
+}
+
+TEST(ConditionPosixTest, TellsANotificationFromATimeOut) {
+  port::MutexPosix mutex;
+  port::ConditionPosix condition;
+  bool ready = false;
+  port::MutexGuard guard(mutex);
+  EXPECT_FALSE(condition.WaitFor(mutex, 1));
+  std::thread notifier([&] {
+    port::MutexGuard inner(mutex);
+    ready = true;
+    condition.NotifyOne();
+  });
+  while (!ready) {
+    if (!condition.WaitFor(mutex, kWaitMs)) break;
+  }
+  EXPECT_TRUE(ready);
+  notifier.join();
+}
+
+TEST(SystemTest, SpawnCutsALongNameInsteadOfLosingIt) {
+  char name[32] = "";
+  const unsigned long thread = System::spawn(
+      [](void* out) -> void* {
+        pthread_getname_np(pthread_self(), static_cast<char*>(out), 32);
+        return System::IsMainThread() ? nullptr : out;
+      },
+      name, "http_callback_handler");
+  ASSERT_NE(thread, System::kInvalidThreadId);
+  System::join(thread);
+  EXPECT_STREQ(name, "http_callback_h");
+  EXPECT_TRUE(System::IsMainThread());
+}
+
+TEST(SystemTest, RandomReachesBothBounds) {
+  bool low = false, high = false;
+  for (int i = 0; i < 10000 && !(low && high); ++i) {
+    const int value = System::Random(-1, 1);
+    ASSERT_TRUE(value >= -1 && value <= 1);
+    low = low || value == -1;
+    high = high || value == 1;
+  }
+  EXPECT_TRUE(low && high);
+  EXPECT_EQ(System::Random(7, 7), 7);
+}
+
+}  // namespace
+}  // namespace orvan
