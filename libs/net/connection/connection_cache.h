@@ -57,6 +57,8 @@ class ORVAN_NET_EXPORT ConnectionCache : private Timer {
   int GetEntryCount() const;
 
  private:
+  // Gives references up. The deleter job's mutex is not held.
+  static void DropEntries(mmvector<ConnectionEntry> entries);
   ConnectionEntry* FindConnection(ConnectionRefCounter* connection) ORVAN_REQUIRES(*lock_);
 
   SpinLock* const lock_;  // of the manager; re-entrant

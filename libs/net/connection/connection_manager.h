@@ -25,15 +25,20 @@ class RequestDoneJob;
 //   --pass--> gone
 //
 // Threads:   EnqueueRequest() and CancelRequest() on any thread; neither waits for the network. Results come
-// on
-//            the main thread, or on the connection's callback thread if completions are not deferred.
-// Ownership: a connection lives while a request or the cache holds its ConnectionRefCounter. The manager
-// outlives
-//            every request that its callers keep; it must not be destroyed inside one of its own callbacks.
-// Errors:    a failed exchange arrives as a finished HttpRequest, like a good one. A request that a
-// connection
-//            refuses, or for which no connection could be made, ends the same way. The destructor tells
-//            nobody.
+//            on the main thread, or on the connection's callback thread if completions are not deferred.
+// Locks:     one, re-entrant, over everything. Callbacks run without it, and so does what may wait or may run
+//            foreign code: detaching and cancelling a request, the end of a request, the end of a connection.
+//            All of that is put off to the end of the outermost operation on its thread. Hooks do run under
+//            the lock; they may enqueue and cancel nevertheless.
+// Ownership: a connection lives while a request or the cache holds its ConnectionRefCounter. The destructor
+//            waits for callbacks that run on other threads; nobody else may be inside an operation by then.
+//            A callback may destroy its manager, as the last use of it.
+// Errors:    a failed exchange arrives as a finished HttpRequest, like a good one. A request that its
+//            connection refuses ends the same way, with an error status of its HttpRequest, and one for which
+//            no connection or no HttpRequest could be made arrives without an HttpRequest; both on the main
+//            thread. The destructor tells nobody.
+// Cost:      a pass looks at a handful of requests, however many wait; see NextToVisitLocked(). Connections
+//            are searched one by one.
 class ORVAN_NET_EXPORT ConnectionManager : private HttpRequest::Callback, private Timer {
  public:
   // A request and, once it has one, its connection. Releases the request first.
@@ -77,6 +82,17 @@ class ORVAN_NET_EXPORT ConnectionManager : private HttpRequest::Callback, privat
   friend class ConnectionRefCounter;
   friend class RequestDoneJob;
   struct Private;
+
+  // Drops a reference under the lock, so that no pass can find a connection whose last one has just gone.
+  void DropConnection(RefPtr<ConnectionRefCounter> connection);
+  // Takes the connection off the list, and ends it behind the lock.
+  void RemoveConnection(ConnectionRefCounter* connection);
+  // Keeps the job on the list of those that have not run.
+  void AddEvent(RequestDoneJob* job);
+  // Takes it off that list and begins its delivery, in one step.
+  void RemoveEvent(RequestDoneJob* job);
+  // Makes a delivery that has begun.
+  void Deliver(NetworkRequest* request);
 
   const int max_num_connections_;
   const int num_threads_per_connection_;

@@ -77,6 +77,7 @@ class ORVAN_NET_EXPORT NetworkRequest : public AtomicReferent {
   const Info info_;  // its callback_ is the one at the start; the one that counts is below
   std::atomic<Callback*> callback_;
   HttpRequest* http_request_ = nullptr;
+  quint64 ticket_ = 0;  // the manager's number for it, under the manager's lock
 };
 
 }  // namespace orvan::net

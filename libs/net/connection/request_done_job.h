@@ -22,7 +22,9 @@ class ORVAN_NET_EXPORT RequestDoneJob : public AbstractJob {
   virtual void Cancel();
 
  private:
-  SpinLock lock_;                                       // a leaf; nothing is called while it is held
+  // Run() begins its delivery in the manager while it holds this: once Cancel() is back, the job either has
+  // begun, and the manager knows, or never will.
+  SpinLock lock_;
   ConnectionManager* manager_ ORVAN_GUARDED_BY(lock_);  // not owned
   RefPtr<NetworkRequest> request_ ORVAN_GUARDED_BY(lock_);
 };
