@@ -1,9 +1,15 @@
+# shellcheck shell=bash disable=SC2034
 # Shared by the scripts of this folder: `. "$(dirname "$0")/lib.sh"`. Bash. Everything that these functions
 # say, and all noise of apt, CMake and the compiler, goes to standard error: standard output is for results.
 
 # What building the two libraries takes, and what the tool takes beyond that.
 ORVAN_BUILD_PACKAGES=(g++ cmake ninja-build pkg-config qtbase5-dev qtkeychain-qt5-dev libboost-dev libminizip-dev)
 ORVAN_TOOL_PACKAGES=(libcli11-dev)
+# What the tests take: the frameworks, and the real servers that they start on free ports.
+ORVAN_TEST_PACKAGES=(libgtest-dev libgmock-dev nginx-light openssl gunicorn python3-httpbin)
+# Clang and its sanitizers. Without llvm-symbolizer, reports have no names and suppressions do not match.
+ORVAN_CLANG_PACKAGES=(clang libclang-rt-14-dev llvm util-linux)
+ORVAN_TIDY_PACKAGES=(clang clang-tidy)
 
 say() { printf '%s\n' "$*" >&2; }
 die() { say "${0##*/}: $*"; exit 1; }
@@ -44,11 +50,11 @@ AS_ROOT
 
 # build_target <preset> <build folder> <target> [<CMake argument>...]
 #
-# Configures and builds, in the tree's root.
+# Configures and builds, in the tree's root. Of configuring only a failure is heard.
 build_target() {
-  local preset=$1 folder=$2 target=$3
+  local preset=$1 folder=$2 target=$3 log
   shift 3
-  cmake --preset "$preset" -B "$folder" "$@" >&2 || return 1
+  log=$(cmake --preset "$preset" -B "$folder" "$@" 2>&1) || { say "$log"; return 1; }
   cmake --build "$folder" --target "$target" >&2
 }
 
