@@ -6,10 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <QString>
 #include <QTemporaryDir>
+#include <QtGlobal>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -22,12 +22,10 @@ constexpr int kTermMs = 5000;
 std::string FindProgram(const std::string& program) {
   if (program.find('/') != std::string::npos)
     return access(program.c_str(), X_OK) == 0 ? program : std::string();
-  const char* path = std::getenv("PATH");
-  std::istringstream folders(std::string(path == nullptr ? "" : path) +
-                             ":/usr/local/sbin:/usr/sbin:/sbin:/usr/bin");
-  for (std::string folder; std::getline(folders, folder, ':');) {
-    const std::string candidate = folder + "/" + program;
-    if (!folder.empty() && access(candidate.c_str(), X_OK) == 0) return candidate;
+  std::istringstream folders(qgetenv("PATH").toStdString() + ":/usr/local/sbin:/usr/sbin:/sbin:/usr/bin");
+  for (std::string candidate; std::getline(folders, candidate, ':');) {
+    candidate.append("/").append(program);
+    if (access(candidate.c_str(), X_OK) == 0) return candidate;
   }
   return {};
 }
@@ -76,7 +74,8 @@ ChildProcess::~ChildProcess() { Stop(); }
   pid_ = fork();
   if (pid_ == 0) BecomeProgram(found.c_str(), argv.data(), log_path_.c_str(), parent);
   if (pid_ < 0)
-    return ::testing::AssertionFailure() << "cannot start " << program << ": " << std::strerror(errno);
+    return ::testing::AssertionFailure()
+           << "cannot start " << program << ": " << qPrintable(qt_error_string(errno));
   setpgid(pid_, pid_);  // on both sides, so that the group is there whoever comes first
   return ::testing::AssertionSuccess();
 }

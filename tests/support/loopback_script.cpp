@@ -9,7 +9,7 @@
 namespace orvan::test {
 namespace {
 
-constexpr size_t kFillBlock = 64 * 1024;
+constexpr size_t kFillBlock = size_t{64} << 10;
 
 bool EqualsIgnoringCase(std::string_view left, std::string_view right) {
   return std::equal(left.begin(), left.end(), right.begin(), right.end(), [](char a, char b) {
@@ -61,7 +61,7 @@ bool HasName(const HeaderList& headers, std::string_view name) {
 
 std::string Head(int status, const HeaderList& headers) {
   std::string head = "HTTP/1.1 " + std::to_string(status) + " " + std::string(ReasonOf(status)) + "\r\n";
-  for (const auto& [name, value] : headers) head += name + ": " + value + "\r\n";
+  for (const auto& [name, value] : headers) head.append(name).append(": ").append(value).append("\r\n");
   return head;
 }
 

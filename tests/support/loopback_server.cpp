@@ -17,7 +17,6 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <optional>
 
@@ -26,14 +25,14 @@
 namespace orvan::test {
 namespace {
 
-constexpr size_t kLongestHead = 4 * 1024 * 1024;
-constexpr size_t kReadBlock = 64 * 1024;
+constexpr size_t kLongestHead = size_t{4} << 20;
+constexpr size_t kReadBlock = size_t{64} << 10;
 constexpr size_t kRequestsKept = 100000;
 constexpr int kBacklog = 1024;
 constexpr int kStopSeconds = 30;
 
 [[noreturn]] void Die(const char* what) {
-  std::fprintf(stderr, "Loopback server: %s: %s\n", what, std::strerror(errno));
+  (void)std::fprintf(stderr, "Loopback server: %s: %s\n", what, qPrintable(qt_error_string(errno)));
   std::abort();
 }
 

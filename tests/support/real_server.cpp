@@ -11,6 +11,7 @@
 #include <QFileInfo>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -186,7 +187,7 @@ HttpbinServer::~HttpbinServer() { Stop(); }
     const std::string mark = "Listening at: http://127.0.0.1:";
     const size_t at = log.find(mark);
     if (at == std::string::npos) return false;
-    port_ = std::atoi(log.c_str() + at + mark.size());
+    port_ = static_cast<int>(std::strtol(log.c_str() + at + mark.size(), nullptr, 10));
     return RawExchange(port_, GetRequest("/status/200"), 5000).compare(0, 12, "HTTP/1.1 200") == 0;
   };
   bool ready = false;

@@ -1,7 +1,5 @@
 #include "tests/support/wait.h"
 
-#include <dirent.h>
-
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -10,10 +8,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -23,13 +23,12 @@ namespace {
 constexpr int kTickMs = 2;
 
 int CountEntries(const char* folder) {
-  DIR* directory = opendir(folder);
-  if (directory == nullptr) return -1;
+  std::error_code error;
   int count = 0;
-  while (const dirent* entry = readdir(directory)) {
-    if (entry->d_name[0] != '.') ++count;
+  for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+       entry.increment(error)) {
+    ++count;
   }
-  closedir(directory);
   return count;
 }
 
@@ -38,7 +37,8 @@ qint64 ReadStatus(const std::string& name) {
   std::ifstream status("/proc/self/status");
   std::string line;
   while (std::getline(status, line)) {
-    if (line.compare(0, name.size(), name) == 0) return 1024 * std::atoll(line.c_str() + name.size());
+    if (line.compare(0, name.size(), name) == 0)
+      return 1024 * std::strtoll(line.c_str() + name.size(), nullptr, 10);
   }
   return -1;
 }

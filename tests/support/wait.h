@@ -51,8 +51,8 @@ class Gate {
   std::shared_ptr<State> state_;
 };
 
-// Threads of this process, as the kernel counts them. A thread may still be counted for a moment after it
-// was joined, so compare with PumpUntil() or SpinUntil().
+// Threads of this process (a server of the test bed has some), as the kernel counts them. A thread may still
+// be counted for a moment after it was joined, so compare with PumpUntil() or SpinUntil().
 int CountThreads();
 
 // Open descriptors of this process, without the one that the counting itself needs.

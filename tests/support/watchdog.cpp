@@ -22,8 +22,8 @@ Watchdog::~Watchdog() {
 void Watchdog::Run() {
   std::unique_lock<std::mutex> lock(mutex_);
   if (ended_changed_.wait_for(lock, std::chrono::seconds(seconds_), [this] { return ended_; })) return;
-  std::fprintf(stderr, "Watchdog: '%s' was not done after %d seconds\n", what_.c_str(), seconds_);
-  std::fflush(stderr);
+  (void)std::fprintf(stderr, "Watchdog: '%s' was not done after %d seconds\n", what_.c_str(), seconds_);
+  (void)std::fflush(stderr);
   std::abort();
 }
 
