@@ -38,21 +38,27 @@ class ORVAN_SUPPORT_EXPORT AsyncWriterJob : public AbstractJob {
   ~AsyncWriterJob() override;
 
   int Run(const IJobContinuator& continuator, IJobContainer* container) override;
+  void CleanForRemoval() override;
   bool job_finished() const { return finished_.load(std::memory_order_acquire); }
   // True once the file stands complete under its name.
   bool succeeded() const { return succeeded_.load(std::memory_order_acquire); }
 
  private:
+  void Tell(AbstractWriterCallback* callback) const;
+  bool WriteLocked(const IJobContinuator& continuator) ORVAN_REQUIRES(lock_);
+  void EndLocked(bool success) ORVAN_REQUIRES(lock_);
   bool OpenSiblingLocked() ORVAN_REQUIRES(lock_);
   bool WriteSliceLocked() ORVAN_REQUIRES(lock_);
   bool FinishFileLocked() ORVAN_REQUIRES(lock_);
+  void DropSiblingLocked() ORVAN_REQUIRES(lock_);
 
-  const std::unique_ptr<QFile> target_;
-  SpinLock lock_;  // held while writing; a leaf but for the writer callback's own locks
+  const std::unique_ptr<QFile> target_;  // names the file, is never opened
+  SpinLock lock_;                        // held while writing; a leaf
   QByteArray data_ ORVAN_GUARDED_BY(lock_);
   RefPtr<AbstractWriterCallback> callback_ ORVAN_GUARDED_BY(lock_);
-  QFile sibling_ ORVAN_GUARDED_BY(lock_);
-  qint64 written_ ORVAN_GUARDED_BY(lock_) = 0;
+  int sibling_ ORVAN_GUARDED_BY(lock_) = -1;         // descriptor
+  QByteArray sibling_name_ ORVAN_GUARDED_BY(lock_);  // empty unless such a file is there
+  int written_ ORVAN_GUARDED_BY(lock_) = 0;
   std::atomic<bool> finished_{false};
   std::atomic<bool> succeeded_{false};
 };
