@@ -6,6 +6,7 @@
 
 #include "orvan/net/http/http_connection.h"
 #include "orvan/net/identity/auth_cache.h"
+#include "orvan/net/identity/certificate_handler.h"
 #include "orvan/net/server/server_info.h"
 
 namespace orvan::net {

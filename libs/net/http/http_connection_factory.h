@@ -4,8 +4,6 @@
 #include <QUrl>
 
 #include "orvan/net/export.h"
-#include "orvan/net/identity/certificate_handler.h"
-#include "orvan/net/identity/username_password_query_handler.h"
 #include "orvan/support/memory/containers.h"
 #include "orvan/support/memory/memory.h"
 #include "orvan/support/memory/ref_ptr.h"
@@ -16,7 +14,10 @@ namespace orvan::net {
 
 class AuthCache;
 class HttpConnection;
+class ICertificateHandler;
+class IUsernamePasswordQueryHandler;
 class ServerInfo;
+struct CertificateInfo;
 
 // An authentication failure, as outside code may tell it to observers.
 struct AuthEvent {
