@@ -1,0 +1,418 @@
+#include "orvan/net/fetcher.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QMap>
+#include <QTemporaryDir>
+#include <limits>
+#include <thread>
+
+#include "orvan/net/net_init.h"
+#include "orvan/support/job/event_pump.h"
+#include "orvan/support/thread/worker_thread.h"
+#include "tests/net/fetch_probe.h"
+#include "tests/support/loopback_server.h"
+#include "tests/support/wait.h"
+#include "tests/support/watchdog.h"
+
+namespace orvan::net {
+namespace {
+
+using test::FetchProbe;
+using test::Gate;
+using test::LoopbackServer;
+using test::PumpUntil;
+
+class FetcherTest : public ::testing::Test {
+ protected:
+  FetcherTest() { Init(QString(), QString()); }
+  ~FetcherTest() override {
+    Fetcher::SetWorkerThread(nullptr);
+    Shutdown();
+  }
+
+  // Runs a fetch to its end.
+  void Run(FetchProbe& probe, const QString& url) {
+    probe.Start(url);
+    ASSERT_TRUE(PumpUntil([&] { return probe.calls > 0; })) << url.toStdString();
+  }
+  QString WriteFile(const char* name, const QByteArray& bytes) {
+    QFile file(folder_.filePath(QLatin1String(name)));
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(bytes);
+    return file.fileName();
+  }
+
+  test::Watchdog watchdog_{120, "a test of Fetcher"};
+  QTemporaryDir folder_;
+  LoopbackServer server_;
+};
+
+struct StateCase {
+  const char* says;
+  const char* url;  // %1 is the folder with "a.kml" in it
+  FetchState state;
+};
+
+TEST_F(FetcherTest, EndsWhateverIsNoDocumentInTheStateForIt) {
+  const StateCase cases[] = {
+      {"a path", "%1/a.kml", kFetchSuccess},
+      {"a file URL", "file://%1/a.kml", kFetchSuccess},
+      {"a file URL in capitals is read as a path", "FILE://%1/a.kml", kFetchSuccess},
+      {"white space around", "  %1/a.kml\n", kFetchSuccess},
+      {"a missing file", "%1/missing.kml", kFetchCannotOpen},
+      {"a folder", "%1", kFetchCannotOpen},
+      {"a pipe, which would hold the main thread up", "%1/pipe", kFetchCannotOpen},
+      {"a device without an end", "/dev/zero", kFetchCannotOpen},
+      {"nothing", "", kFetchUnknownError},
+      {"an anchor alone", "#a", kFetchCannotOpen},
+      {"a missing resource", ":/missing", kFetchCannotOpen},
+      {"a scheme that nobody speaks", "ftp://127.0.0.1/a", kFetchUnsupportedProtocol},
+      {"a scheme that nobody knows", "some+thing://127.0.0.1/a", kFetchUnsupportedProtocol},
+      {"http without a host", "http:///a", kFetchInvalidServer},
+      {"https without a host is no prefix of http", "https:///a", kFetchUnsupportedProtocol},
+      {"the beginning of http counts as http", "htt:///a", kFetchInvalidServer},
+      {"the beginning of http with a host", "htt://127.0.0.1/a", kFetchUnknownError},
+      {"an unknown host", "http://no-such-host.invalid/", kFetchNoConnection},
+  };
+  WriteFile("a.kml", "<kml/>");
+  ASSERT_EQ(::mkfifo(QFile::encodeName(folder_.filePath("pipe")).constData(), 0600), 0);
+  for (const StateCase& row : cases) {
+    SCOPED_TRACE(row.says);
+    FetchProbe probe;
+    QString url = QString::fromUtf8(row.url);
+    url.replace("%1", folder_.path());
+    Run(probe, url);
+    EXPECT_EQ(probe.state, row.state) << GetFetchStateText(probe.state).toStdString();
+    EXPECT_EQ(probe.bytes, row.state == kFetchSuccess ? QByteArray("<kml/>") : QByteArray());
+    EXPECT_TRUE(probe.on_main_thread);
+    EXPECT_FALSE(probe.called_in_fetch);
+  }
+}
+
+TEST_F(FetcherTest, BringsBytesHeadersAndDateOfAnHttpDocument) {
+  server_.On("/a.kml", test::Reply(200,
+                                   {{"Content-Type", "application/vnd.quorex-orvan.kml+xml; charset=utf-8"},
+                                    {"X-Empty", ""},
+                                    {"Last-Modified", "Sun, 06 Nov 1994 08:49:37 GMT"}},
+                                   "<kml/>"));
+  FetchProbe probe;
+  probe.params.headers.emplace_back(RequestHeader::kLine, "X-Mine: 1");
+  probe.params.headers.emplace_back(RequestHeader::kAcceptTypes, "text/xml, image/png");
+  probe.params.user_agent = "probe/1";
+  probe.params.if_modified_since = "Sat, 05 Nov 1994 08:49:37 GMT";
+  Run(probe, server_.Url("/a.kml?q=1#frag"));
+  EXPECT_EQ(probe.state, kFetchSuccess);
+  EXPECT_EQ(probe.bytes, "<kml/>");
+  EXPECT_EQ(probe.fetcher->GetUrl(), server_.Url("/a.kml?q=1"));
+  EXPECT_EQ(probe.fetcher->GetAnchor(), "frag");
+  EXPECT_EQ(probe.fetcher->GetMimeType(), kMimeKml);
+  EXPECT_EQ(probe.fetcher->GetLastModified(), QString(" Sun, 06 Nov 1994 08:49:37 GMT")) << "with its blank";
+  DateTime date;
+  ASSERT_TRUE(date.ParseHttpDate("Sun, 06 Nov 1994 08:49:37 GMT"));
+  EXPECT_EQ(probe.fetcher->GetLastModifiedDateTime(), date);
+  EXPECT_GE(probe.fetcher->GetResponseHeaderCount(), 3);
+  EXPECT_TRUE(probe.fetcher->GetResponseHeader(std::numeric_limits<unsigned long>::max()).isNull());
+  EXPECT_EQ(probe.fetcher->GetExpireTime(), std::numeric_limits<double>::max());
+
+  const test::RecordedRequest request = server_.LastRequest("/a.kml?q=1");
+  EXPECT_EQ(request.target, "/a.kml?q=1");
+  EXPECT_EQ(request.Header("X-Mine"), "1");
+  EXPECT_EQ(request.Header("Accept"), "text/xml, image/png");
+  EXPECT_EQ(request.Header("User-Agent"), "probe/1");
+  EXPECT_EQ(request.Header("If-Modified-Since"), "Sat, 05 Nov 1994 08:49:37 GMT");
+}
+
+struct ServerCase {
+  const char* says;
+  int status;
+  const char* body;
+  FetchState state;
+  const char* bytes;
+};
+
+TEST_F(FetcherTest, TellsEachAnswerOfAServerByItsCode) {
+  const ServerCase cases[] = {
+      {"an empty body is a success without bytes, not an empty file", 200, "", kFetchSuccess, ""},
+      {"every other 2xx is a success", 203, "x", kFetchSuccess, "x"},
+      {"what Qt takes for a success is one", 204, "", kFetchSuccess, ""},
+      {"also a 304 that nobody asked for", 304, "", kFetchSuccess, ""},
+      {"an error is its code, and its page is thrown away", 404, "page", 404, ""},
+      {"a server's error", 500, "page", 500, ""},
+      {"a gateway's error", 502, "page", 502, ""},
+      {"a media type that the server refuses", 415, "", kFetchUnexpectedType, ""},
+      {"a code outside the known range", 418, "", kFetchInvalidRequest, ""},
+      {"a challenge that nobody answers", 401, "", 401, ""},
+  };
+  for (const ServerCase& row : cases) {
+    SCOPED_TRACE(row.says);
+    server_.On("/x", test::Reply(row.status, {}, row.body));
+    FetchProbe probe;
+    Run(probe, server_.Url("/x"));
+    EXPECT_EQ(probe.state, row.state);
+    EXPECT_EQ(probe.bytes, row.bytes);
+  }
+  test::RefusingPort nobody;
+  FetchProbe refused;
+  Run(refused, nobody.Url());
+  EXPECT_EQ(refused.state, kFetchNoConnection);
+}
+
+TEST_F(FetcherTest, ReadsALocalFileOnlyIfItIsNewer) {
+  const QString path = WriteFile("a.kml", "<kml/>");
+  {
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(file.setFileTime(QDateTime(QDate(2020, 2, 29), QTime(13, 14, 15)),
+                                 QFileDevice::FileModificationTime));
+  }
+  struct Case {
+    const char* says;
+    const char* date;
+    FetchState state;
+  } const cases[] = {
+      {"no date", "", kFetchSuccess},
+      {"a second before", "Sat, 29 Feb 2020 13:14:14 GMT", kFetchSuccess},
+      {"the same second, local time taken as it stands", "Sat, 29 Feb 2020 13:14:15 GMT", kFetchNotModified},
+      {"later", "Sun, 01 Mar 2020 00:00:00 GMT", kFetchNotModified},
+      {"no date at all", "yesterday", kFetchSuccess},
+  };
+  for (const Case& row : cases) {
+    SCOPED_TRACE(row.says);
+    FetchProbe probe;
+    probe.params.if_modified_since = row.date;
+    Run(probe, path);
+    EXPECT_EQ(probe.state, row.state);
+    EXPECT_EQ(probe.bytes, row.state == kFetchSuccess ? QByteArray("<kml/>") : QByteArray());
+    EXPECT_EQ(probe.fetcher->GetLastModified(), QString("Sat, 29 Feb 2020 13:14:15 GMT"));
+  }
+}
+
+TEST_F(FetcherTest, TakesANumberSignForPartOfAnExistingFilesName) {
+  const QString path = WriteFile("a#b.kml", "1");
+  FetchProbe whole, split;
+  Run(whole, path);
+  EXPECT_EQ(whole.state, kFetchSuccess);
+  EXPECT_EQ(whole.fetcher->GetAnchor(), "");
+  WriteFile("c.kml", "2");
+  Run(split, folder_.filePath("c.kml#b"));
+  EXPECT_EQ(split.bytes, "2");
+  EXPECT_EQ(split.fetcher->GetAnchor(), "b");
+}
+
+// --- The store
+// -----------------------------------------------------------------------------------------------------
+
+class MapStore : public FetchStore {
+ public:
+  bool Load(const QUrl& url, QByteArray* bytes) override {
+    ++loads;
+    if (!kept.contains(url)) return false;
+    *bytes = kept.value(url);
+    return true;
+  }
+  bool Save(const QUrl& url, QByteArray* bytes) override {
+    kept[url] = *bytes;
+    return true;
+  }
+  bool Contains(const QUrl& url) override { return answers && kept.contains(url); }
+
+  QMap<QUrl, QByteArray> kept;
+  bool answers = false;
+  int loads = 0;
+};
+
+TEST_F(FetcherTest, AsksTheStoreBeforeTheNetworkAndAfterAFailure) {
+  MapStore store;
+  server_.On("/a", test::Ok("fresh"));
+  server_.On("/refused", test::Reply(415));
+  const QUrl url(server_.Url("/a"));
+
+  FetchProbe first;
+  first.params.store = &store;
+  Run(first, server_.Url("/a#anchor"));
+  EXPECT_EQ(store.kept.value(url), "fresh") << "a success is saved under the URL without its anchor";
+
+  store.answers = true;
+  store.kept[url] = "kept";
+  FetchProbe second;
+  second.params.store = &store;
+  Run(second, server_.Url("/a"));
+  EXPECT_EQ(second.bytes, "kept");
+  EXPECT_EQ(server_.Hits("/a"), 1);
+
+  store.kept[QUrl(server_.Url("/gone"))] = "offline";
+  store.answers = false;
+  FetchProbe third;
+  third.params.store = &store;
+  Run(third, server_.Url("/gone"));
+  EXPECT_EQ(third.state, kFetchSuccess) << "a 404 that the store can answer is a success";
+  EXPECT_EQ(third.bytes, "offline");
+
+  store.loads = 0;
+  FetchProbe fourth;
+  fourth.params.store = &store;
+  Run(fourth, server_.Url("/refused"));
+  EXPECT_EQ(fourth.state, kFetchUnexpectedType);
+  EXPECT_EQ(store.loads, 0) << "a media type that was refused is none of the store's business";
+}
+
+// --- Life
+// ----------------------------------------------------------------------------------------------------------
+
+TEST_F(FetcherTest, CallsBackAlthoughTheCallerLetGoAtOnce) {
+  server_.On("/a", test::Ok("a"));
+  for (const QString& url : {server_.Url("/a"), WriteFile("a.txt", "a")}) {
+    FetchProbe probe;
+    probe.Start(url);
+    probe.fetcher = nullptr;
+    ASSERT_TRUE(PumpUntil([&] { return probe.calls > 0; }));
+    EXPECT_EQ(probe.bytes, "a");
+  }
+}
+
+TEST_F(FetcherTest, SurvivesWhatItsCallbackDoesToIt) {
+  const QString path = WriteFile("a.txt", "a");
+  void (*const deeds[])(FetchProbe&, Fetcher&) = {
+      [](FetchProbe&, Fetcher& fetcher) { fetcher.Stop(); },
+      [](FetchProbe&, Fetcher& fetcher) { fetcher.SetCallback(nullptr); },
+      [](FetchProbe& probe, Fetcher&) { probe.fetcher = nullptr; },
+      [](FetchProbe& probe, Fetcher& fetcher) {
+        fetcher.Stop();
+        probe.fetcher = nullptr;
+        EXPECT_EQ(fetcher.GetByteArray(), "a");
+      },
+  };
+  for (const auto deed : deeds) {
+    FetchProbe probe;
+    probe.in_callback = deed;
+    probe.Start(path);
+    ASSERT_TRUE(PumpUntil([&] { return probe.calls > 0; }));
+    test::PumpFor(5);
+    EXPECT_EQ(probe.calls, 1);
+  }
+}
+
+TEST_F(FetcherTest, ReachesItsStateWithoutACallback) {
+  Fetcher::FetchParams params;
+  params.url = WriteFile("a.txt", "a");
+  const RefPtr<Fetcher> fetcher = Fetcher::fetch(params, nullptr);
+  EXPECT_EQ(fetcher->GetState(), kFetchFetching);
+  ASSERT_TRUE(PumpUntil([&] { return fetcher->GetState() == kFetchSuccess; }));
+  EXPECT_EQ(fetcher->getRefCount(), 1);
+}
+
+TEST_F(FetcherTest, IsSilentAfterStopInEveryPhase) {
+  WorkerThread worker("test worker");
+  const Gate release;
+  server_.On("/held", test::Script().Stall(release).Then(test::Ok("late")));
+  server_.On("/quick", test::Ok("a"));
+  const QString path = WriteFile("a.txt", "a");
+
+  FetchProbe queued, waiting, timer, completed, twice;
+  Fetcher::SetWorkerThread(&worker);
+  queued.params.async = true;
+  queued.Start(server_.Url("/held"));
+  queued.fetcher->Stop();
+  Fetcher::SetWorkerThread(nullptr);
+
+  waiting.Start(server_.Url("/held"));
+  ASSERT_TRUE(server_.WaitForHits("/held", 1));
+  waiting.fetcher->Stop();
+
+  timer.Start(path).fetcher->Stop();
+
+  completed.Start(server_.Url("/quick"));  // its completion is posted while nobody runs the main thread
+  ASSERT_TRUE(server_.WaitForHits("/quick", 1));
+  completed.fetcher->Stop();
+  twice.Start(path).fetcher->Stop();
+  twice.fetcher->Stop();
+
+  release.Open();
+  FetchProbe after;
+  Run(after, server_.Url("/quick"));
+  for (const FetchProbe* probe : {&queued, &waiting, &timer, &completed, &twice}) {
+    EXPECT_EQ(probe->calls, 0);
+    EXPECT_EQ(probe->fetcher->getRefCount(), 1);
+  }
+  EXPECT_EQ(waiting.fetcher->GetState(), kFetchFetching);
+  EXPECT_EQ(timer.fetcher->GetState(), kFetchSuccess) << "nothing withdraws the call that reads a local file";
+}
+
+TEST_F(FetcherTest, StopsBetweenResultAndDelivery) {
+  EventPump& pump = EventPump::Get();
+  pump.SetManualForTest(true);
+  FetchProbe probe;
+  probe.Start(WriteFile("a.txt", "a"));
+  pump.DrainForTest();
+  EXPECT_EQ(probe.fetcher->GetByteArray(), "a") << "the result is there, its delivery is queued";
+  EXPECT_EQ(probe.fetcher->GetState(), kFetchFetching);
+  probe.fetcher->Stop();
+  pump.DrainForTest();
+  EXPECT_EQ(probe.calls, 0);
+  EXPECT_EQ(probe.fetcher->GetState(), kFetchFetching);
+  EXPECT_EQ(probe.fetcher->getRefCount(), 1);
+  pump.SetManualForTest(false);
+}
+
+// --- Asynchronous starts
+// -------------------------------------------------------------------------------------------
+
+TEST_F(FetcherTest, StartsOnTheWorkerOrHereIfThereIsNone) {
+  server_.On("/a", test::Ok("a"));
+  const QString path = WriteFile("a.txt", "a");
+  for (const bool with_worker : {false, true}) {
+    auto worker = with_worker ? std::make_unique<WorkerThread>("test worker") : nullptr;
+    Fetcher::SetWorkerThread(worker.get());
+    for (const QString& url : {server_.Url("/a"), path}) {
+      FetchProbe probe;
+      probe.params.async = true;
+      probe.params.url = url;
+      probe.Start();
+      probe.params = Fetcher::FetchParams();  // the job has a copy
+      ASSERT_TRUE(PumpUntil([&] { return probe.calls > 0; }));
+      EXPECT_EQ(probe.bytes, "a");
+      EXPECT_TRUE(probe.on_main_thread);
+    }
+    Fetcher::SetWorkerThread(nullptr);
+  }
+}
+
+TEST_F(FetcherTest, StartsOnAnyThread) {
+  server_.On("/a", test::Ok("a"));
+  const QString path = WriteFile("a.txt", "a");
+  constexpr int kRounds = 50;
+  FetchProbe probes[2 * kRounds];
+  std::thread starter([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      probes[2 * i].Start(server_.Url("/a"));
+      probes[2 * i + 1].Start(path);
+    }
+  });
+  // Fetches end on the main thread while the other one is still starting them.
+  int done = 0;
+  EXPECT_TRUE(PumpUntil([&] {
+    done = 0;
+    for (const FetchProbe& probe : probes) done += probe.calls;
+    return done == 2 * kRounds;
+  }));
+  starter.join();
+  for (const FetchProbe& probe : probes) {
+    EXPECT_EQ(probe.calls, 1);
+    EXPECT_EQ(probe.bytes, "a");
+  }
+}
+
+TEST_F(FetcherTest, IsNothingWithoutInit) {
+  Shutdown();
+  FetchProbe probe;
+  EXPECT_EQ(probe.Start(server_.Url("/a")).fetcher, nullptr);
+  Init(QString(), QString());
+}
+
+}  // namespace
+}  // namespace orvan::net
