@@ -70,7 +70,7 @@ QtHttpConnection::Fate QtHttpConnection::JudgeHead(const QtHttpRequest& request,
 
 void QtHttpConnection::ReadableReply(QNetworkReply* reply) {
   QtHttpRequest* const request = replies_.value(reply);
-  if (!request) return;  // aborted; Qt had more on its way
+  if (!request) return;  // abandoned; Qt had more on its way
   if (!request->received_) {
     if (reply->bytesAvailable() < kReadAsItComesFrom) return;
     if (JudgeHead(*request, *reply) != Fate::kBody) {
@@ -79,8 +79,9 @@ void QtHttpConnection::ReadableReply(QNetworkReply* reply) {
     }
   }
   if (ReceiveBody(request)) return;
-  request->out_of_memory_ = true;
-  reply->abort();  // completes the request before it returns: nothing of it is touched from here on
+  TakeRefusal(request);
+  ReleaseReply(request);
+  Complete(request);
 }
 
 // Moves what has arrived into `received_`. False if the memory domain refuses, or no buffer can hold it.
@@ -129,13 +130,21 @@ void QtHttpConnection::RequestFinishedSlot() {
   }
 }
 
+// For a cancelled request. The reply is dropped and not aborted, which ends the
+// transfer as well: abort() would report an error, and Qt complains when it already has another on its way.
+void QtHttpConnection::AbandonReply(QtHttpRequest* request) {
+  // Over by now, and perhaps sent again; or not yet sent, and then SendRequestSlot() looks at the mark.
+  if (!request->reply_ || request->phase_ != QtHttpRequest::kCancelled) return;
+  TakeFailure(request, 0);
+  ReleaseReply(request);
+  Complete(request);
+}
+
 unsigned int QtHttpConnection::ProcessResponse(QtHttpRequest* request) {
   const QNetworkReply* const reply = request->reply_;
   if (!reply) return kStatusFailed;
-  // Not left to Qt: a reply that is aborted after its head still has the server's status, and the request
-  // would look like a success without a body.
+  // Cancel() came in while Qt was telling the end.
   if (request->phase_ == QtHttpRequest::kCancelled) return TakeFailure(request, 0);
-  if (request->out_of_memory_) return TakeRefusal(request);
   if (JudgeHead(*request, *reply) == Fate::kRefuse) return TakeFailure(request, 0);
   // Not a slip: an error behind a 200 is a success with an empty body. Qt reports a connection that is lost
   // in mid-body by chance as an error or as none, so the status is all that callers can rely on.

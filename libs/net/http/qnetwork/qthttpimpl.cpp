@@ -95,7 +95,7 @@ std::shared_ptr<GateTicket> QtHttpConnection::ServeInbox() {
         SendRequestSlot(command.request.get());
         break;
       case SendGate::Verb::kAbort:
-        if (command.request->reply_) command.request->reply_->abort();
+        AbandonReply(command.request.get());
         break;
       case SendGate::Verb::kLeave:
         PrepareForDestruction(command.thread);

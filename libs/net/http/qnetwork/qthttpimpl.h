@@ -62,7 +62,6 @@ class ORVAN_NET_EXPORT QtHttpRequest : public HttpRequest {
   QUrl redirect_url_;
   int redirect_count_ = 0;       // over the life of the request
   RefPtr<HeapBuffer> received_;  // the body so far, of responses too long to wait for their end
-  bool out_of_memory_ = false;   // the domain refused it
 };
 
 // The thread of one connection: an event loop, and nothing else.
@@ -142,6 +141,7 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   QNetworkReply* StartReply(const QtHttpRequest& request);
   void ReadableReply(QNetworkReply* reply);
   bool ReceiveBody(QtHttpRequest* request);
+  void AbandonReply(QtHttpRequest* request);
   unsigned int ProcessResponse(QtHttpRequest* request);
   unsigned int TakeResponse(QtHttpRequest* request);
   unsigned int TakeRefusal(QtHttpRequest* request);

@@ -44,7 +44,7 @@ class SendGate {
  public:
   enum class Verb {
     kSend,   // send `request` for the first time
-    kAbort,  // abort the reply of `request`, if it is still in flight
+    kAbort,  // end `request`, which is marked as cancelled, if it is still in flight
     kLeave,  // let go of everything and move the connection to `thread`; the last command there is
   };
 

@@ -1,0 +1,229 @@
+// What comes back: every way in which a reply ends, redirects, large bodies, memory domains, TLS.
+
+#include <QTemporaryFile>
+
+#include "tests/net/http/qnetwork/transport_probe.h"
+#include "tests/support/loopback_server.h"
+#include "tests/support/real_server.h"
+#include "tests/support/test_certificates.h"
+
+namespace orvan::net::test {
+namespace {
+
+const std::string kMiB(1024 * 1024, 'm');
+const std::string kPacked(
+    "\x1f\x8b\x08\x00\x00\x00\x00\x00\x02\xff\x2b\x48\x4c\xce\x4e\x4d\x01\x00\x10\xb4\xf6\x21\x06\x00\x00"
+    "\x00",
+    26);
+
+struct EndCase {
+  const char* says;
+  Script script;
+  unsigned int status;
+  std::string body;  // the buffer is there in every row
+  bool has_headers;
+};
+
+TEST(QtTransportCompletionTest, EveryEndHasItsStatus) {
+  const EndCase kEndCases[] = {
+      {"a body", Ok("body"), kStatusOk, "body", true},
+      {"an empty body leaves an empty buffer", Ok(""), kStatusOk, "", true},
+      {"204 is a success", Reply(204, {{"ETag", "x"}}), kStatusOk, "", true},
+      {"so is 201", Reply(201, {}, "made"), kStatusOk, "made", true},
+      {"so is 304", Reply(304, {{"ETag", "x"}}), kStatusOk, "", true},
+      {"300 is no redirect", Reply(300, {{"Location", "/other"}}, "choose"), kStatusOk, "choose", true},
+      {"a redirect without a target is none", Reply(302, {}, "lost"), kStatusOk, "lost", true},
+      {"nor is one with a broken target", RedirectTo("http://[", 301), kStatusOk, "", true},
+      {"chunks", Chunked({"one, ", "two"}), kStatusOk, "one, two", true},
+      {"a body up to the close", Script().Send("HTTP/1.1 200 OK\r\nETag: x\r\n\r\nuntil").Close(), kStatusOk,
+       "until", true},
+      {"a long body", Reply(200, {}, kMiB), kStatusOk, kMiB, true},
+      {"a long body without a length", Chunked({kMiB, "more", kMiB}), kStatusOk, kMiB + "more" + kMiB, true},
+      {"a packed body comes unpacked", Reply(200, {{"Content-Encoding", "gzip"}}, kPacked), kStatusOk,
+       "packed", true},
+      {"an error behind a 200 is a success without a body",
+       Reply(200, {{"Content-Encoding", "gzip"}}, "this is no gzip, whatever the head says"), kStatusOk, "",
+       false},
+      {"an error page is thrown away", Reply(404, {{"X-A", "b"}}, "page"), 0xC00A0194, "", false},
+      {"so is a long one", Reply(404, {}, kMiB), 0xC00A0194, "", false},
+      {"401 without a handler", Reply(401, {{"WWW-Authenticate", "Basic realm=\"r\""}}), 0xC00A0191, "",
+       false},
+      {"503", Reply(503), 0xC00A01F7, "", false},
+      {"418 loses its number", Reply(418), kStatusFailed, "", false},
+      {"closed before the head", Script().Close(), kStatusNoConnection, "", false},
+      {"closed within the head", Script().Send("HTTP/1.1 200 OK\r\nX-A").Close(), kStatusNoConnection, "",
+       false},
+      {"no HTTP at all", Script().Send("SSH-2.0-server\r\n").Close(), kStatusNoConnection, "", false},
+      {"a relative redirect ends in Qt's error", RedirectTo("/other"), kStatusNoConnection, "", false},
+      {"a redirect to data is refused", RedirectTo("data:,text"), kStatusNoConnection, "", false},
+      {"so is one to ftp", RedirectTo("ftp://127.0.0.1/"), kStatusNoConnection, "", false},
+  };
+  LoopbackServer server;
+  Transport transport(server.port());
+  for (const EndCase& row : kEndCases) {
+    SCOPED_TRACE(row.says);
+    server.On("/case", row.script);
+    Exchange exchange(transport, "/case");
+    ASSERT_TRUE(exchange.Run());
+    EXPECT_EQ(exchange.status(), row.status);
+    EXPECT_TRUE(exchange.HasBuffer());
+    EXPECT_TRUE(exchange.body() == QByteArray::fromStdString(row.body)) << exchange.body().size() << " bytes";
+    EXPECT_EQ(!exchange.headers().isEmpty(), row.has_headers);
+    EXPECT_TRUE(SpinUntil([&] { return exchange->getRefCount() == 1; })) << "only ours is left";
+  }
+  EXPECT_EQ(server.Hits("/other"), 0);
+}
+
+TEST(QtTransportCompletionTest, ABodyCutShortCountsAsSuccess) {
+  LoopbackServer server;
+  server.On("/close", CutBody("abcd", 100));
+  server.On("/reset", CutBody(kMiB, 2 * kMiB.size(), true));
+  Transport transport(server.port());
+  for (const char* const path : {"/close", "/reset"}) {
+    Exchange exchange(transport, path);
+    ASSERT_TRUE(exchange.Run());
+    EXPECT_EQ(exchange.status(), kStatusOk);  // the body is there or not, by chance
+  }
+}
+
+TEST(QtTransportCompletionTest, WithoutAServerThereIsNoConnection) {
+  RefusingPort refusing;
+  Transport refused(refusing.port());
+  Transport unknown(80, QStringLiteral("no-such-host.invalid"));
+  for (Transport* const transport : {&refused, &unknown}) {
+    Exchange exchange(*transport, "/");
+    ASSERT_TRUE(exchange.Run());
+    EXPECT_EQ(exchange.status(), kStatusNoConnection);
+    EXPECT_TRUE(exchange.HasBuffer());
+  }
+}
+
+TEST(QtTransportCompletionTest, TenRedirectsAreFollowedAndTheEleventhIsAResponse) {
+  LoopbackServer server;
+  const std::string ten = server.AddRedirects("/ten", 10, Ok("end"));
+  const std::string eleven = server.AddRedirects("/eleven", 11, Ok("end"));
+  Transport transport(server.port());
+  Exchange reached(transport, ten);
+  ASSERT_TRUE(reached.Run());
+  EXPECT_EQ(reached.status(), kStatusOk);
+  EXPECT_EQ(reached.body(), "end");
+  EXPECT_EQ(static_cast<QtHttpRequest*>(reached.request())->redirect_count(), 10);
+  Exchange stopped(transport, eleven);
+  ASSERT_TRUE(stopped.Run());
+  EXPECT_EQ(stopped.status(), kStatusOk);
+  EXPECT_EQ(server.Hits("/eleven/10"), 1);
+  EXPECT_EQ(server.Hits("/eleven/11"), 0);
+  EXPECT_EQ(stopped.headers().filter(QStringLiteral("Location: ")).size(), 1);
+}
+
+// Whatever the code, 303 included: the same method, lines and body, and the redirect's own body is dropped.
+TEST(QtTransportCompletionTest, ARedirectRepeatsMethodLinesAndBody) {
+  LoopbackServer first, second;
+  first.On("/from", Reply(303, {{"Location", second.Origin("localhost") + "/to"}}, kMiB));
+  second.On("/to", Ok("end"));
+  Transport transport(first.port());
+  Exchange exchange(transport, "/from", kHttpPost);
+  exchange.Line(QStringLiteral("Authorization: secret"))
+      .Line(QStringLiteral("Content-Type: text/plain"))
+      .Body("body");
+  ASSERT_TRUE(exchange.Run());
+  EXPECT_EQ(exchange.body(), "end");
+  const RecordedRequest sent = second.LastRequest("/to");
+  EXPECT_EQ(sent.method, "POST");
+  EXPECT_EQ(sent.body, "body");
+  EXPECT_EQ(sent.Header("Authorization"), "secret");
+}
+
+TEST(QtTransportCompletionTest, ARedirectNeitherReadsNorWritesALocalFile) {
+  QTemporaryFile file;
+  ASSERT_TRUE(file.open() && file.write("mine") == 4 && file.flush());
+  LoopbackServer server;
+  server.On("/", RedirectTo("file://" + file.fileName().toStdString()));
+  Transport transport(server.port());
+  for (const HttpMethod method : {kHttpGet, kHttpPut}) {
+    Exchange exchange(transport, "/", method);
+    ASSERT_TRUE(exchange.Body("theirs").Run());
+    EXPECT_EQ(exchange.status(), kStatusNoConnection);
+    EXPECT_TRUE(exchange.HasBuffer());
+    EXPECT_EQ(exchange.body(), "");
+  }
+  EXPECT_TRUE(file.seek(0));
+  EXPECT_EQ(file.readAll(), "mine");
+}
+
+TEST(QtTransportCompletionTest, HeaderLinesComeInOrderAndAllOfThem) {
+  LoopbackServer server;
+  server.On("/", ManyHeaders(10000));
+  Transport transport(server.port());
+  Exchange exchange(transport, "/");
+  ASSERT_TRUE(exchange.Run());
+  ASSERT_EQ(exchange.headers().size(), 10001);
+  EXPECT_EQ(exchange.headers().at(1234), QStringLiteral("X-Filler-1234: 1234"));
+}
+
+TEST(QtTransportCompletionTest, ADomainThatRefusesEndsTheTransfer) {
+  LoopbackServer server;
+  server.On("/short", Ok(std::string(5000, 's')));
+  server.On("/long", LargeBody(16 * 1024 * 1024));
+  server.On("/chunks", Chunked(std::vector<std::string>(16, kMiB)));
+  server.On("/boast",
+            Script().Send("HTTP/1.1 200 OK\r\nContent-Length: 1099511627776\r\n\r\n" + kMiB).Silent());
+  auto* const domain = new HeapManager(nullptr);  // domains live as long as the process
+  Transport transport(server.port(), QStringLiteral("127.0.0.1"), false, QString(), domain);
+  for (const char* const path : {"/short", "/long", "/chunks", "/boast"}) {
+    SCOPED_TRACE(path);
+    domain->SetCeiling(path == std::string("/short") ? 4096 : 512 * 1024);
+    Exchange exchange(transport, path);
+    ASSERT_TRUE(exchange.Run());
+    EXPECT_EQ(exchange.status(), kStatusOutOfMemory);
+    EXPECT_FALSE(exchange.HasBuffer());
+    EXPECT_TRUE(exchange.headers().isEmpty());
+  }
+  EXPECT_EQ(domain->GetBytesInUse(), 0u);
+}
+
+// A boast is believed for 64 MiB at most, and an honest length is met exactly, without a copy at the end.
+TEST(QtTransportCompletionTest, ALargeBodyIsHeldOnce) {
+  constexpr qint64 kBytes = 150 * 1000 * 1000;
+  LoopbackServer server;
+  server.On("/", LargeBody(kBytes));
+  auto* const domain = new HeapManager(nullptr);
+  domain->SetCeiling(kBytes + 16);
+  Transport transport(server.port(), QStringLiteral("127.0.0.1"), false, QString(), domain);
+  const qint64 before = ResidentBytes();
+  ASSERT_TRUE(ResetPeakResidentBytes());
+  Exchange exchange(transport, "/");
+  ASSERT_TRUE(exchange.Run());
+  EXPECT_EQ(exchange.status(), kStatusOk);
+  EXPECT_EQ(exchange.body().size(), kBytes);
+  EXPECT_EQ(exchange.body().constData(), exchange->GetResponseBuffer()->data()) << "shared, not copied";
+  const qint64 slack = UnderSanitizer() ? 4 * kBytes : 0;
+  EXPECT_LT(PeakResidentBytes() - before, kBytes * 14 / 10 + slack);
+}
+
+TEST(QtTransportCompletionTest, TlsStandsOrFallsWithTrust) {
+  TestCertificates certificates;
+  ASSERT_TRUE(certificates.Create());
+  NginxServer nginx;
+  nginx.AddFile("a.txt", "over TLS");
+  nginx.UseTls(certificates);
+  ASSERT_TRUE(nginx.Start());
+  {
+    Transport transport(nginx.tls_port(), QStringLiteral("localhost"), true);
+    Exchange untrusted(transport, "/a.txt");
+    ASSERT_TRUE(untrusted.Run());
+    EXPECT_EQ(untrusted.status(), kStatusNoConnection);
+  }
+  ASSERT_TRUE(certificates.Trust());
+  {
+    Transport transport(nginx.tls_port(), QStringLiteral("localhost"), true);
+    Exchange trusted(transport, "/a.txt");
+    ASSERT_TRUE(trusted.Run());
+    EXPECT_EQ(trusted.status(), kStatusOk);
+    EXPECT_EQ(trusted.body(), "over TLS");
+  }
+  TestCertificates::Distrust();
+}
+
+}  // namespace
+}  // namespace orvan::net::test

@@ -1,0 +1,60 @@
+// What happens before the first and after the last application object. A program of its own, because the
+// others have one for their whole life.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <memory>
+
+#include "tests/net/http/qnetwork/transport_probe.h"
+#include "tests/support/loopback_server.h"
+#include "tests/support/watchdog.h"
+
+namespace orvan::net::test {
+namespace {
+
+int g_argc = 1;
+char g_name[] = "test";
+char* g_argv[] = {g_name, nullptr};
+
+// In one test, because the order matters.
+TEST(QtTransportNoApplicationTest, NothingIsSentAndNobodyWaits) {
+  Watchdog guard(60, "a connection without an application object");
+  LoopbackServer server;
+  server.On("/", Ok("ok"));
+  server.On("/silent", Script().Silent());
+
+  Transport early(server.port());
+  Exchange refused(early, "/");
+  EXPECT_EQ(refused.Send(), kStatusFailed);
+
+  auto application = std::make_unique<QCoreApplication>(g_argc, g_argv);
+  Exchange still_refused(early, "/");
+  EXPECT_EQ(still_refused.Send(), kStatusFailed) << "what would have served it was not started";
+
+  Transport transport(server.port());
+  Exchange answered(transport, "/"), silent(transport, "/silent");
+  ASSERT_TRUE(answered.Run());
+  EXPECT_EQ(answered.body(), "ok");
+  ASSERT_EQ(silent.Send(), kStatusOk);
+  ASSERT_TRUE(server.WaitForHits("/silent", 1));
+
+  application.reset();
+  Exchange late(transport, "/");
+  EXPECT_EQ(late.Send(), kStatusFailed);
+  EXPECT_EQ(late->getRefCount(), 1);
+  silent->Cancel();
+  transport.Dispose();
+  EXPECT_FALSE(silent.IsDone());
+  EXPECT_EQ(silent->getRefCount(), 1);
+  early.Dispose();
+}
+
+}  // namespace
+}  // namespace orvan::net::test
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleMock(&argc, argv);
+  return RUN_ALL_TESTS();
+}

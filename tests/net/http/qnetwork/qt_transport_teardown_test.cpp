@@ -1,0 +1,181 @@
+// Cancelling, and taking a connection apart: at every moment, on every thread.
+
+#include <QEvent>
+#include <atomic>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "tests/net/http/qnetwork/transport_probe.h"
+#include "tests/support/loopback_server.h"
+#include "tests/support/watchdog.h"
+
+namespace orvan::net::test {
+namespace {
+
+TEST(QtTransportCancelTest, ACancelledRequestEndsWithoutAConnection) {
+  Gate half_sent;
+  LoopbackServer server;
+  server.On("/before-head", Script().Silent());
+  server.On("/mid-body", Script()
+                             .Send("HTTP/1.1 200 OK\r\nContent-Length: 2097152\r\n\r\n")
+                             .Endless(1 << 20)
+                             .Signal(half_sent)
+                             .Silent());
+  Transport transport(server.port());
+  const auto cancel = [](Exchange& exchange) {
+    exchange->Cancel();
+    EXPECT_TRUE(exchange.Wait());
+    EXPECT_EQ(exchange.status(), kStatusNoConnection);
+    EXPECT_TRUE(exchange.HasBuffer());
+    EXPECT_EQ(exchange.body(), "");
+    EXPECT_TRUE(exchange.headers().isEmpty());
+  };
+  Exchange at_once(transport, "/before-head");
+  ASSERT_EQ(at_once.Send(), kStatusOk);
+  cancel(at_once);
+  Exchange waiting(transport, "/before-head");
+  ASSERT_EQ(waiting.Send(), kStatusOk);
+  ASSERT_TRUE(server.WaitForHits("/before-head", 1));
+  cancel(waiting);
+  // Its status of 200 is known by then, and must not make a success of it.
+  Exchange receiving(transport, "/mid-body");
+  ASSERT_EQ(receiving.Send(), kStatusOk);
+  ASSERT_TRUE(half_sent.Wait());
+  cancel(receiving);
+}
+
+TEST(QtTransportCancelTest, CancellingWhatIsNotInFlightDoesNothing) {
+  LoopbackServer server;
+  server.On("/", Ok("ok"));
+  auto transport = std::make_unique<Transport>(server.port());
+  Exchange exchange(*transport, "/");
+  exchange->Cancel();
+  ASSERT_TRUE(exchange.Run());
+  exchange->Cancel();
+  EXPECT_EQ(exchange.status(), kStatusOk);
+  EXPECT_EQ(exchange.body(), "ok");
+  transport.reset();
+  exchange->Cancel();
+}
+
+TEST(QtTransportTeardownTest, RequestsInFlightVanish) {
+  Gate half_sent;
+  LoopbackServer server;
+  server.On("/silent", Script().Silent());
+  server.On("/mid-body", Script()
+                             .Send("HTTP/1.1 200 OK\r\nContent-Length: 2097152\r\n\r\n")
+                             .Endless(1 << 20)
+                             .Signal(half_sent)
+                             .Silent());
+  const auto expect_vanished = [](const Exchange& exchange) {
+    EXPECT_FALSE(exchange.IsDone());
+    EXPECT_EQ(exchange.status(), 0u);
+    EXPECT_EQ(exchange->getRefCount(), 1);
+  };
+  {
+    Transport transport(server.port());
+    Exchange silent(transport, "/silent"), receiving(transport, "/mid-body"), cancelled(transport, "/silent");
+    ASSERT_EQ(silent.Send(), kStatusOk);
+    ASSERT_EQ(receiving.Send(), kStatusOk);
+    ASSERT_TRUE(half_sent.Wait() && server.WaitForHits("/silent", 1));
+    transport.Dispose();
+    expect_vanished(silent);
+    expect_vanished(receiving);
+  }
+  for (int round = 0; round < 20; ++round) {  // before, while and after the worker sends
+    Transport transport(server.port());
+    Exchange unsent(transport, "/silent");
+    ASSERT_EQ(unsent.Send(), kStatusOk);
+    transport.Dispose();
+    expect_vanished(unsent);
+  }
+  EXPECT_TRUE(server.WaitForOpen(0));
+}
+
+// Never on itself, never for ever, and with nothing left behind.
+TEST(QtTransportTeardownTest, AConnectionMayEndOnAnyThread) {
+  Watchdog guard(60, "a connection destroyed on one of its own threads");
+  LoopbackServer server;
+  server.On("/", Ok("ok"));
+  const int threads = CountThreads() - server.OpenConnections();
+
+  Transport bare(server.port());
+  Exchange first(bare, "/");
+  ASSERT_TRUE(first.Run());
+  std::thread([&bare] { bare.Dispose(); }).join();
+
+  Transport own_callback(server.port());
+  Exchange second(own_callback, "/");
+  second.on_done = [&own_callback] { own_callback.Dispose(); };
+  ASSERT_TRUE(second.Run());
+  EXPECT_EQ(second.body(), "ok");
+
+  // The worker asks the domain for the body's memory, which is how the test comes to run on it.
+  struct DisposingDomain : MemoryManager {
+    bool Reserve(size_t bytes) override {
+      if (victim) victim->Dispose();
+      victim = nullptr;
+      return MemoryManager::Reserve(bytes);
+    }
+    Transport* victim = nullptr;
+  };
+  auto* const domain = new DisposingDomain;
+  Transport own_worker(server.port(), QStringLiteral("127.0.0.1"), false, QString(), domain);
+  domain->victim = &own_worker;
+  Exchange third(own_worker, "/");
+  ASSERT_EQ(third.Send(), kStatusOk);
+  EXPECT_TRUE(SpinUntil([&] { return third->getRefCount() == 1; }));
+  EXPECT_TRUE(server.WaitForOpen(0));
+  EXPECT_TRUE(SpinUntil([&] { return CountThreads() <= threads; }));
+}
+
+// Enqueue, cancel, complete and destroy from several threads, in an order that the seed decides.
+TEST(QtTransportStressTest, EveryRequestEndsOnceOrVanishesWithItsConnection) {
+  Watchdog guard(120, "enqueue, cancel and destroy at once");
+  LoopbackServer server;
+  server.KeepRequests(0);
+  server.On("/quick", Ok("ok"));
+  server.On("/long", Reply(200, {}, std::string(200 * 1024, 'x')));
+  server.On("/silent", Script().Silent());
+  server.AddRedirects("/hop", 2, Ok("end"));
+  static const char* const kPaths[] = {"/quick", "/long", "/silent", "/hop/0", "/missing"};
+
+  const auto run = [&server](unsigned int seed) {
+    std::mt19937 dice(seed);
+    for (int round = 0; round < 25; ++round) {
+      Transport transport(server.port());
+      std::vector<std::unique_ptr<Exchange>> exchanges;
+      for (int i = 0; i < 12; ++i) {
+        exchanges.push_back(std::make_unique<Exchange>(transport, kPaths[dice() % 5]));
+      }
+      const size_t cancel_every = 1 + dice() % 3;
+      std::atomic<size_t> sent{0};
+      std::thread canceller([&] {
+        for (size_t next = 0; next < exchanges.size();) {
+          if (next >= sent) continue;
+          if (next % cancel_every == 0) (*exchanges[next])->Cancel();
+          ++next;
+        }
+      });
+      for (const auto& exchange : exchanges) {
+        EXPECT_EQ(exchange->Send(), kStatusOk);
+        ++sent;
+      }
+      canceller.join();
+      if (dice() % 2 == 0) {
+        for (const auto& exchange : exchanges) (*exchange)->Cancel();
+        for (const auto& exchange : exchanges) EXPECT_TRUE(exchange->Wait());
+      }
+      transport.Dispose();
+      for (const auto& exchange : exchanges) EXPECT_EQ((*exchange)->getRefCount(), 1);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (unsigned int seed = 1; seed <= 4; ++seed) threads.emplace_back(run, seed);
+  for (std::thread& thread : threads) thread.join();
+}
+
+}  // namespace
+}  // namespace orvan::net::test
