@@ -50,7 +50,7 @@ QString BodySink::Prepare() {
 }
 
 void BodySink::Write(const QByteArray& body, FetchRecord* record) {
-  if (options_.output == OutputPlace::kNowhere || record->state != orvan::net::kFetchSuccess) return;
+  if (record->state != orvan::net::kFetchSuccess || !record->problem.isEmpty()) return;
   // A server's "not modified" is a success without bytes, which must not empty the copy that is there.
   if (!options_.if_modified_since.isEmpty() && record->IsEmptySuccess()) return;
   switch (options_.output) {

@@ -21,7 +21,7 @@ class BodySink {
   // Makes the directory. An empty text, or what is wrong.
   QString Prepare();
 
-  // Writes the body of a fetch that ended well. Sets saved_as, or problem if that fails.
+  // Writes the body if the fetch has brought one. Sets saved_as, or problem if that fails.
   void Write(const QByteArray& body, FetchRecord* record);
 
  private:

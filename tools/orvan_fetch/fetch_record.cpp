@@ -30,7 +30,7 @@ FetchRecord RecordOf(const orvan::net::Fetcher& fetch) {
   record.bytes = fetch.getSize();
   record.is_kmz = fetch.IsKmz();
   record.content_type = fetch.GetContentType();
-  record.last_modified = fetch.GetLastModified();
+  record.last_modified = fetch.GetLastModified().trimmed();  // a server's comes with the blank in front
   const double expires = fetch.GetExpireTime();
   if (expires < std::numeric_limits<double>::max()) record.expires = expires;
   for (int i = 0; i < fetch.GetResponseHeaderCount(); ++i) {

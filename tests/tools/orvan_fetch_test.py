@@ -1,0 +1,234 @@
+#!/usr/bin/env python3
+"""Tests orvan-fetch from outside: orvan_fetch_test.py <path of the program> [<test>...]"""
+import http.server
+import json
+import os
+import pty
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+PROGRAM = ""
+WAIT = 60  # seconds; no wait of these tests is longer
+DATE = "Tue, 01 Jul 2025 10:00:00 GMT"
+STEERING = b"\x1b]0;owned\x07"
+
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    """Answers by path; /echo repeats what it was asked."""
+
+    protocol_version = "HTTP/1.1"
+    stalled = {"/stall?" + name: threading.Event() for name in "abc"}  # set when somebody waits there
+    release = threading.Event()
+
+    def do_GET(self):
+        path = self.path.split("?")[0]
+        if path == "/missing.kml":
+            return self.answer(404, b"no such thing")
+        if path == "/same":
+            return self.answer(304 if self.headers.get("If-Modified-Since") else 200, b"old copy")
+        if path == "/echo":
+            return self.answer(200, str(self.headers).encode())
+        if path == "/stall":
+            Handler.stalled[self.path].set()
+            Handler.release.wait(WAIT)
+            self.close_connection = True
+            return None
+        if path == "/cut":
+            self.close_connection = True
+            return self.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nonly this")
+        if path == "/steering":
+            return self.answer(200, b"plain" + STEERING, [("X-Title", "a\x1b[2Jb\x9bc")])
+        return self.answer(200, b"body of " + self.path.encode())
+
+    def answer(self, code, body, headers=()):
+        self.send_response(code)
+        for name, value in headers:
+            self.send_header(name, value)
+        kind = "application/vnd.quorex-orvan.kml+xml" if self.path.endswith(".kml") else "text/plain"
+        self.send_header("Content-Type", kind)
+        self.send_header("Last-Modified", DATE)
+        if code != 304:
+            self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        if code != 304:
+            self.wfile.write(body)
+
+    def log_message(self, *_):
+        pass
+
+
+class OrvanFetchTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        cls.server.daemon_threads = True
+        cls.server.handle_error = lambda *_: None  # a client that resets its connection is nothing to tell
+        threading.Thread(target=cls.server.serve_forever, daemon=True).start()
+        cls.origin = "http://127.0.0.1:%d" % cls.server.server_port
+
+    @classmethod
+    def tearDownClass(cls):
+        Handler.release.set()
+        cls.server.shutdown()
+
+    def setUp(self):
+        self.folder = tempfile.TemporaryDirectory()
+        self.addCleanup(self.folder.cleanup)
+
+    def path(self, name):
+        return os.path.join(self.folder.name, name)
+
+    def run_tool(self, *arguments, status=0, **options):
+        done = subprocess.run([PROGRAM, *arguments], capture_output=True, timeout=WAIT, cwd=self.folder.name, **options)
+        self.assertEqual(done.returncode, status, done.stdout + done.stderr)
+        return done
+
+    def fetch_json(self, *arguments, status=0):
+        lines = self.run_tool("--json", *arguments, status=status).stdout.decode().splitlines()
+        return [json.loads(line) for line in lines]
+
+    def test_one_object_a_line_with_what_is_known(self):
+        good, bad = sorted(
+            self.fetch_json(self.origin + "/park.kml#lake", self.origin + "/missing.kml", status=1),
+            key=lambda record: record["state"],
+        )
+        self.assertEqual(good["url"], self.origin + "/park.kml#lake")
+        self.assertEqual((good["state"], good["text"], good["mime"], good["ok"]), (2, "Success", "kml", True))
+        self.assertEqual((good["bytes"], good["is_kmz"]), (len("body of /park.kml"), False))
+        self.assertEqual((good["last_modified"], good["anchor"]), (DATE, "lake"))
+        self.assertTrue(0 < good["seconds"] < WAIT)
+        self.assertEqual((bad["state"], bad["ok"], bad["bytes"]), (404, False, 0))
+        self.assertIn("404", bad["text"])
+
+    def test_what_the_request_carries(self):
+        self.run_tool("-A", "me/1", "-b", "a=1", "-H", "X-One: 1", "-H", "X-Two: 2", "--async", "-o", "seen",
+                      self.origin + "/echo")
+        with open(self.path("seen"), encoding="utf-8") as file:
+            seen = file.read()
+        for line in ("User-Agent: me/1", "X-One: 1", "X-Two: 2", "a=1"):
+            self.assertIn(line, seen)
+
+    def test_standard_output_takes_bodies_alone_in_the_order_given(self):
+        done = self.run_tool("-o", "-", self.origin + "/a", self.origin + "/b")
+        self.assertEqual(done.stdout, b"body of /abody of /b")
+        self.assertIn(b"Success", done.stderr)
+        self.assertEqual(self.run_tool("-o", "-", self.origin + "/missing.kml", status=1).stdout, b"")
+
+    def test_names_in_a_directory_are_tame_and_never_collide(self):
+        urls = ["/x/%2e%2e", "/..%2f..%2fup", "/.hidden", "/-rf", "/?only=query", "/folder/", "/a%0ab%1b",
+                "/park.kml?v=1", "/park.kml?v=2", "/" + "l" * 300 + ".kml", "/%5cback"]
+        os.mkdir(self.path("d"))
+        os.symlink("elsewhere", self.path("d/up"))
+        records = self.fetch_json("--parallel", "1", "-o", "d/", *[self.origin + url for url in urls])
+        names = [os.path.relpath(record["saved_as"], "d") for record in records]
+        # "up" was a link to nowhere; writing through it would have made a file outside.
+        self.assertEqual(names[0:9], ["__", "up-2", "_hidden", "_rf", "index", "index-2", "a_b_", "park.kml",
+                                      "park-2.kml"])
+        self.assertLessEqual(len(names[9]), 255)
+        self.assertEqual(names[10], "_back")
+        self.assertEqual(sorted(names + ["up"]), sorted(os.listdir(self.path("d"))))
+        self.assertEqual(os.listdir(self.folder.name), ["d"])
+        with open(self.path("d/park-2.kml"), "rb") as file:
+            self.assertEqual(file.read(), b"body of /park.kml?v=2")
+
+    def test_a_copy_survives_what_brings_nothing(self):
+        with open(self.path("copy"), "w", encoding="utf-8") as file:
+            file.write("mine")
+        for arguments, status in ((["--if-modified-since", DATE, self.origin + "/same"], 0),
+                                  ([self.origin + "/missing.kml"], 1),
+                                  ([self.origin + "/cut"], 1)):
+            with self.subTest(arguments):
+                self.run_tool("-o", "copy", *arguments, status=status)
+                with open(self.path("copy"), encoding="utf-8") as file:
+                    self.assertEqual(file.read(), "mine")
+
+    def test_a_local_file_that_is_not_newer_is_a_good_end_only_when_asked_for(self):
+        with open(self.path("f.kml"), "w", encoding="utf-8") as file:
+            file.write("<kml/>")
+        (record,) = self.fetch_json("f.kml")
+        self.assertEqual((record["state"], record["mime"]), (2, "kml"))
+        (record,) = self.fetch_json("--if-modified-since", record["last_modified"], "f.kml")
+        self.assertEqual((record["state"], record["ok"]), (4, True))
+
+    def test_a_device_is_written_to_and_not_replaced(self):
+        self.run_tool("-o", "/dev/null", self.origin + "/a")
+        self.assertFalse(os.path.isfile("/dev/null"))
+
+    def test_bad_usage_is_one_line_and_two(self):
+        url = self.origin + "/a"
+        rows = [[], ["--no-such-option", url], ["-H", "no colon", url], ["-H", "A: b\r\nC: d", url], ["-b", "novalue", url],
+                ["-A", "a\nb", url], ["--repeat", "0", url], ["--parallel", "x", url], ["--timeout", "-1", url],
+                ["--if-modified-since", "yesterday", url], ["-o", "one", url, url], ["-o", "one", "--repeat", "2", url],
+                ["--secure-domain", "example.org", url], ["--cacert", "nowhere.pem", url], ["-i", "nowhere.txt"],
+                ["-i", os.devnull], ["-o", os.devnull + "/dir/", url]]
+        for row in rows:
+            with self.subTest(row):
+                done = self.run_tool(*row, status=2)
+                self.assertEqual(done.stdout, b"")
+                self.assertRegex(done.stderr.decode(), r"^orvan-fetch: [^\n]+\n$")
+
+    def test_a_list_of_urls_from_standard_input(self):
+        text = "# two of them\n\n  %s/a  \r\n%s/b" % (self.origin, self.origin)
+        done = self.run_tool("--json", "--repeat", "2", "-i", "-", input=text.encode())
+        records = [json.loads(line) for line in done.stdout.splitlines()]
+        self.assertEqual(sorted((record["url"][-2:], record["run"]) for record in records),
+                         [("/a", 1), ("/a", 2), ("/b", 1), ("/b", 2)])
+        self.assertEqual(done.stderr, b"")  # no progress line: this is no terminal
+
+    def test_a_fetch_that_takes_too_long_is_the_failure_of_the_tool(self):
+        (record,) = self.fetch_json("--timeout", "0.5", self.origin + "/stall?a", status=1)
+        self.assertTrue(Handler.stalled["/stall?a"].wait(WAIT))
+        self.assertEqual((record["state"], record["ok"]), (1, False))
+        self.assertIn("0.5 s", record["problem"])
+
+    def test_an_interrupt_stops_the_fetches(self):
+        process = subprocess.Popen([PROGRAM, "--parallel", "3", "--repeat", "5", self.origin + "/stall?b"],
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.assertTrue(Handler.stalled["/stall?b"].wait(WAIT))
+        process.send_signal(signal.SIGINT)
+        out, err = process.communicate(timeout=WAIT)
+        self.assertEqual((process.returncode, out), (130, b""), err)
+        self.assertIn(b"interrupted after 0 of 5", err)
+
+    def test_a_reader_that_goes_away_ends_the_run(self):
+        read_end, write_end = os.pipe()
+        os.close(read_end)
+        done = subprocess.run([PROGRAM, "--repeat", "5", self.origin + "/a"], stdout=write_end, stderr=subprocess.PIPE,
+                              timeout=WAIT, check=False)
+        os.close(write_end)
+        self.assertEqual(done.returncode, 1, done.stderr)
+
+    def on_a_terminal(self, *arguments):
+        """Exit status and all that the program writes to a terminal."""
+        child, terminal = pty.fork()
+        if child == 0:
+            os.execv(PROGRAM, [PROGRAM, *arguments])
+        seen = b""
+        try:
+            while chunk := os.read(terminal, 65536):
+                seen += chunk
+        except OSError:  # how Linux says that the other side has closed
+            pass
+        os.close(terminal)
+        return os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), seen
+
+    def test_a_terminal_gets_progress_for_many_and_nothing_that_steers_it(self):
+        status, seen = self.on_a_terminal("--timeout", "1", self.origin + "/a", self.origin + "/stall?c")
+        self.assertEqual(status, 1)
+        self.assertRegex(seen, rb"1 of 2 done, 0 failed, \d+ bytes, [^\n]*/s")
+        status, seen = self.on_a_terminal("--include", self.origin + "/steering")
+        self.assertEqual(status, 0)
+        self.assertIn(rb"a\u001b[2Jb\u009bc", seen)
+        self.assertNotIn(b"\x1b", seen)  # no progress line either: it is only one
+        status, seen = self.on_a_terminal("-o", "-", self.origin + "/steering")
+        self.assertEqual(status, 1)
+        self.assertNotIn(b"\x1b", seen)
+
+
+if __name__ == "__main__":
+    PROGRAM = os.path.abspath(sys.argv.pop(1))
+    unittest.main()
