@@ -1,0 +1,42 @@
+#pragma once
+
+#include <functional>
+#include <utility>
+
+#include "orvan/net/http/http_connection.h"
+#include "orvan/net/http/http_status.h"
+#include "tests/net/http/plain_request.h"
+
+namespace orvan::test {
+
+// A connection that does nothing by itself: what it is given waits in its queue of requests in flight, or is
+// refused once the callback is already in the request.
+class BareConnection : public net::HttpConnection {
+ public:
+  explicit BareConnection(const QString& host = QStringLiteral("host.example"), bool secure = false,
+                          int port = 80)
+      : HttpConnection(host, secure, port, nullptr, QString(), 15.0, 15, 1) {}
+  ~BareConnection() override {
+    StopCallbacks();
+    if (in_destructor) in_destructor();
+  }
+
+  net::HttpRequest* CreateRequest(net::HttpMethod, const QString& url, void*) override {
+    return new PlainRequest(url);
+  }
+  using HttpConnection::EnqueueRequest;
+  unsigned int EnqueueRequest(net::HttpRequest* request, net::HttpRequest::Callback* callback,
+                              void* data) override {
+    request->SetCallback(callback, data);
+    if (refusal == net::kStatusOk) AppendAsyncRequest(request);
+    return refusal;
+  }
+  unsigned int SendRequest(net::HttpRequest*) override { return net::kStatusFailed; }
+  bool MayBeDestroyedHere() const override { return may_be_destroyed_here; }
+
+  unsigned int refusal = net::kStatusOk;
+  bool may_be_destroyed_here = true;
+  std::function<void()> in_destructor;  // run when no callback can begin any more
+};
+
+}  // namespace orvan::test
