@@ -175,20 +175,20 @@ class ORVAN_SCOPED_CAPABILITY ConnectionManager::Private::Scope {
     ++d_.depth;
   }
   ~Scope() ORVAN_RELEASE() {
-    Aftermath aftermath;
-    ConnectionManager* const manager = d_.manager;
-    if (--d_.depth == 0) std::swap(aftermath, d_.aftermath);
+    Aftermath after;
+    ConnectionManager* const owner = d_.manager;
+    if (--d_.depth == 0) std::swap(after, d_.aftermath);
     d_.lock.unlock();
     // Here the connection's callback thread may be inside a callback of one of these requests, waiting for
     // the lock: SetCallback() waits for that, so it must not be called while the lock is held.
-    for (const Aftermath::Detached& detached : aftermath.detached) {
+    for (const Aftermath::Detached& detached : after.detached) {
       detached.http->SetCallback(nullptr, nullptr);
       detached.http->Cancel();
     }
-    if (aftermath.arm_timer && !manager->IsActive()) manager->Start(0, true);
-    aftermath.detached.clear();
-    aftermath.released.clear();
-    for (HttpConnection* const connection : aftermath.doomed) DisposeConnection(connection);
+    if (after.arm_timer && !owner->IsActive()) owner->Start(0, true);
+    after.detached.clear();
+    after.released.clear();
+    for (HttpConnection* const connection : after.doomed) DisposeConnection(connection);
   }
   Scope(const Scope&) = delete;
   Scope& operator=(const Scope&) = delete;

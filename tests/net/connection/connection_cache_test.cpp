@@ -1,0 +1,123 @@
+#include "orvan/net/connection/connection_cache.h"
+
+#include <memory>
+
+#include "orvan/net/http/http_connection_factory.h"
+#include "tests/net/connection/connection_fixture.h"
+
+namespace orvan::test {
+namespace {
+
+using namespace net;
+
+class ConnectionCacheTest : public ManagerFixture {
+ protected:
+  void SetUp() override {
+    ManagerFixture::SetUp();
+    cache = std::make_unique<ConnectionCache>(60000, &lock, 60.0, 300.0);
+  }
+  void TearDown() override { cache.reset(); }  // before the manager, which outlives every counter
+
+  RefPtr<ConnectionRefCounter> Make(const char* host) {
+    const ServerInfo server(QString::fromLatin1(host), 80, false);
+    return new ConnectionRefCounter(
+        HttpConnectionFactory::CreateHttpConnection(&server, nullptr, 15.0, 30, 1, 0, 0, 0), manager.get());
+  }
+  // A connection that lives on the cache's reference alone.
+  void Add(const char* host) { cache->RefreshOrAddConnection(Make(host).get()); }
+  bool Fire() { return pump.FireNow(*cache); }
+
+  SpinLock lock;
+  std::unique_ptr<ConnectionCache> cache;
+};
+
+TEST_F(ConnectionCacheTest, IdleConnectionsExpireButNotAtTheVeryMoment) {
+  Add("a");
+  clock.Advance(60.0);
+  ASSERT_TRUE(Fire());
+  EXPECT_EQ(cache->GetEntryCount(), 1) << "equal is not over";
+  clock.Advance(0.001);
+  ASSERT_TRUE(Fire());
+  EXPECT_EQ(cache->GetEntryCount(), 0);
+  EXPECT_EQ(transport.GetAliveCount(), 1) << "not within Fire()";
+  pump.Drain();
+  EXPECT_EQ(transport.GetAliveCount(), 0);
+}
+
+TEST_F(ConnectionCacheTest, UseDoesNotMoveTheFinalExpiry) {
+  const RefPtr<ConnectionRefCounter> busy = Make("a");
+  for (int second = 0; second <= 300; ++second, clock.Advance(1.0)) {
+    cache->RefreshOrAddConnection(busy.get());
+    ASSERT_TRUE(Fire());
+    ASSERT_EQ(cache->GetEntryCount(), 1) << second;
+  }
+  ASSERT_TRUE(Fire());  // 301 seconds old, used a second ago
+  EXPECT_EQ(cache->GetEntryCount(), 0);
+  pump.Drain();
+  EXPECT_EQ(transport.GetAliveCount(), 1) << "a request still uses it";
+  cache->RefreshOrAddConnection(busy.get());
+  clock.Advance(59.0);
+  ASSERT_TRUE(Fire());
+  EXPECT_EQ(cache->GetEntryCount(), 1) << "a new entry has a new age";
+}
+
+TEST_F(ConnectionCacheTest, PurgeTakesTheEarliestAndTheFirstOfEqualOnes) {
+  const RefPtr<ConnectionRefCounter> late = Make("late");
+  cache->RefreshOrAddConnection(late.get());
+  const RefPtr<ConnectionRefCounter> first = Make("first");
+  const RefPtr<ConnectionRefCounter> second = Make("second");
+  cache->RefreshOrAddConnection(first.get());
+  cache->RefreshOrAddConnection(second.get());
+  clock.Advance(1.0);
+  cache->RefreshOrAddConnection(late.get());
+  // A counter with one reference is ours alone.
+  EXPECT_TRUE(cache->Purge());
+  EXPECT_EQ(first->getRefCount(), 1);
+  EXPECT_EQ(second->getRefCount(), 2);
+  EXPECT_TRUE(cache->Purge());
+  EXPECT_EQ(second->getRefCount(), 1);
+  EXPECT_EQ(late->getRefCount(), 2);
+  EXPECT_TRUE(cache->Purge());
+  EXPECT_FALSE(cache->Purge());
+}
+
+TEST_F(ConnectionCacheTest, TheDeleterGivesWayBetweenConnectionsAndStartsAtTheBack) {
+  QStringList ended;
+  transport.SetDestroyHook([&ended](const ServerInfo& server) { ended << server.host(); });
+  mmvector<ConnectionCache::ConnectionEntry> entries;
+  for (const char* host : {"a", "b", "c"}) entries.push_back({Make(host), 0.0, 0.0});
+  const RefPtr<ConnectionCache::ConnectionDeleterJob> job =
+      new ConnectionCache::ConnectionDeleterJob(std::move(entries));
+  const CountingContinuator never(0);
+  EXPECT_EQ(job->Run(never, nullptr), AbstractJob::kRunAgain);
+  EXPECT_EQ(job->Run(never, nullptr), AbstractJob::kRunAgain);
+  EXPECT_EQ(job->Run(never, nullptr), AbstractJob::kFinished);
+  EXPECT_EQ(never.asked(), 2) << "not asked once there is nothing left";
+  EXPECT_EQ(ended, QStringList({QStringLiteral("c"), QStringLiteral("b"), QStringLiteral("a")}));
+  EXPECT_EQ(job->Run(never, nullptr), AbstractJob::kFinished);
+  transport.SetDestroyHook(nullptr);
+}
+
+TEST_F(ConnectionCacheTest, FireEmptiesTheOldJobEvenIfNothingExpires) {
+  Add("a");
+  clock.Advance(61.0);
+  ASSERT_TRUE(Fire());
+  ASSERT_EQ(pump.GetLength(), 1);
+  ASSERT_TRUE(Fire());
+  EXPECT_EQ(transport.GetAliveCount(), 0) << "dropped although the job has not run";
+  EXPECT_EQ(pump.GetLength(), 1) << "no new job";
+  pump.Drain();
+}
+
+TEST_F(ConnectionCacheTest, DestructionEmptiesAQueuedJob) {
+  Add("a");
+  clock.Advance(61.0);
+  ASSERT_TRUE(Fire());
+  Add("b");
+  cache.reset();
+  EXPECT_EQ(transport.GetAliveCount(), 0);
+  pump.Drain();  // finds nothing to do
+}
+
+}  // namespace
+}  // namespace orvan::test

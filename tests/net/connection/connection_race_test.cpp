@@ -1,0 +1,145 @@
+// The places where threads meet in ConnectionManager, each forced.
+#include <atomic>
+#include <future>
+#include <random>
+#include <thread>
+
+#include "tests/net/connection/connection_fixture.h"
+#include "tests/support/wait.h"
+#include "tests/support/watchdog.h"
+
+namespace orvan::test {
+namespace {
+
+using namespace net;
+
+QString Text(const char* text) { return QString::fromLatin1(text); }
+
+using ConnectionRaceTest = ManagerFixture;
+
+// The callback thread is inside the callback, which holds the request's own lock, and goes for the manager's
+// while the canceller waits for the callback to end.
+TEST_F(ConnectionRaceTest, CancelWaitsForARunningCallbackThatNeedsTheManager) {
+  const Watchdog watchdog(60, "CancelRequest() against a callback on the callback thread");
+  MakeManager(4, false);
+  const Gate inside;
+  std::atomic<bool> over{false};
+  recorder.inside = [&](NetworkRequest*) {
+    inside.Open();
+    EXPECT_TRUE(SpinUntil([this] { return manager->GetActiveCount() == 0; })) << "the canceller has come";
+    Send(Text("a"), Text("/from the callback"));
+    over = true;
+  };
+  const RefPtr<NetworkRequest> request = Send(Text("a"), Text("/1"));
+  ASSERT_TRUE(transport.Complete(Text("/1")));
+  ASSERT_TRUE(inside.Wait());
+  manager->CancelRequest(request.get());
+  EXPECT_TRUE(over) << "CancelRequest() came back too early";
+  EXPECT_EQ(recorder.Get().at(0).thread == System::CurrentThreadId(), false);
+}
+
+TEST_F(ConnectionRaceTest, TheDestructorWaitsForACallbackOnTheCallbackThread) {
+  const Watchdog watchdog(60, "~ConnectionManager() against a callback on the callback thread");
+  MakeManager(4, false);
+  const Gate inside;
+  const Gate go_on;
+  std::atomic<bool> over{false};
+  ConnectionManager* const alive = manager.get();
+  recorder.inside = [&](NetworkRequest* request) {
+    inside.Open();
+    EXPECT_TRUE(go_on.Wait());
+    for (int i = 0; i < 100; ++i) alive->CancelRequest(request);
+    over = true;
+  };
+  Send(Text("a"), Text("/1"));
+  Send(Text("b"), Text("/2"));
+  ASSERT_TRUE(transport.Complete(Text("/1")));
+  ASSERT_TRUE(inside.Wait());
+  auto opener = std::async(std::launch::async, [&] { go_on.Open(); });
+  manager.reset();
+  EXPECT_TRUE(over);
+}
+
+// What ends a connection joins its threads, and one of them may want the manager's lock.
+TEST_F(ConnectionRaceTest, AConnectionEndsBehindTheLock) {
+  const Watchdog watchdog(60, "the end of a connection");
+  MakeManager(1, true);
+  std::atomic<int> free_ends{0};
+  transport.SetDestroyHook([&](const ServerInfo&) {
+    auto other = std::async(std::launch::async, [this] { return manager->GetConnectionCount(); });
+    if (other.wait_for(std::chrono::milliseconds(kWaitMs)) == std::future_status::ready) ++free_ends;
+  });
+  Send(Text("a"), Text("/a"));
+  Finish(Text("/a"));
+  ASSERT_TRUE(Pass());
+  Send(Text("b"), Text("/b"));  // evicts the first, within a pass
+  EXPECT_EQ(free_ends, 1);
+  Send(Text("c"), Text("/c"));
+  Finish(Text("/b"));
+  ASSERT_TRUE(Pass());  // the evicted one ends with its finished request
+  EXPECT_EQ(free_ends, 2);
+  transport.SetDestroyHook(nullptr);
+}
+
+// Every request ends once, or is cancelled; nothing is left over.
+class ConnectionStressTest : public ::testing::TestWithParam<bool> {};
+
+TEST_P(ConnectionStressTest, FourThreadsEnqueueCancelAndComplete) {
+  const Watchdog watchdog(200, "four threads on one manager");
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 1500;
+  ScriptedTransport transport;
+  Recorder recorder;
+  std::atomic<int> cancelled{0};
+  {
+    ConnectionManager manager(4, 2, GetParam(), 60.0, 30, 1);
+    const auto work = [&](int seed) {
+      std::mt19937 dice(static_cast<unsigned int>(seed));
+      std::vector<RefPtr<NetworkRequest>> mine;
+      for (int round = 0; round < kRounds; ++round) {
+        const ServerInfo server(QStringLiteral("s%1").arg(dice() % 6), 80, false);
+        const QString url = QStringLiteral("/%1/%2").arg(seed).arg(round);
+        // Every third is dropped at once: the manager alone keeps it.
+        const auto request =
+            manager.EnqueueRequest(server, NetworkRequest::Info(url, {}, true, &recorder, nullptr));
+        if (round % 3 != 0) mine.push_back(request);
+        if (dice() % 4 == 0 && !mine.empty()) {
+          const size_t victim = dice() % mine.size();
+          manager.CancelRequest(mine[victim].get());
+          mine.erase(mine.begin() + static_cast<std::ptrdiff_t>(victim));
+          ++cancelled;
+        }
+        if (dice() % 8 == 0) transport.CompleteAll();
+      }
+    };
+    std::vector<std::thread> threads;
+    std::atomic<int> running{kThreads};
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back([&, i] {
+        work(i);
+        --running;
+      });
+    }
+    EXPECT_TRUE(PumpUntil(
+        [&] {
+          transport.CompleteAll();
+          return running == 0 && manager.GetActiveCount() + manager.GetOutstandingCount() == 0;
+        },
+        150000));
+    for (std::thread& thread : threads) thread.join();
+  }
+  std::vector<QString> urls;
+  for (const Delivery& delivery : recorder.Get()) urls.push_back(delivery.url);
+  std::sort(urls.begin(), urls.end());
+  EXPECT_TRUE(std::adjacent_find(urls.begin(), urls.end()) == urls.end()) << "a result came twice";
+  EXPECT_LE(urls.size(), static_cast<size_t>(kThreads * kRounds));
+  EXPECT_GE(static_cast<int>(urls.size()) + cancelled, kThreads * kRounds) << "a result was lost";
+  EXPECT_EQ(transport.GetAliveCount(), 0);
+  EXPECT_EQ(transport.GetAliveRequestCount(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothWays, ConnectionStressTest, ::testing::Values(true, false),
+                         [](const auto& row) { return row.param ? "Deferred" : "OnTheCallbackThread"; });
+
+}  // namespace
+}  // namespace orvan::test
