@@ -2,6 +2,7 @@
 
 #include <zlib.h>
 
+#include <QtEndian>
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -35,6 +36,11 @@ constexpr uLong kStored = 0;
 constexpr uLong kDeflated = 8;
 constexpr uLong kEncryptedFlag = 1;
 
+// Stands in a field of 32 bits whose value is in the extra field of this kind, in 64 bits.
+constexpr ZPOS64_T kIn64Bits = 0xFFFFFFFF;
+constexpr quint16 kZip64Extra = 1;
+constexpr int kExtraBufferBytes = 65535;  // the format has 16 bits for the length
+
 std::atomic<std::size_t> s_extraction_limit{kDefaultExtractionLimit};
 
 // The packed bytes of an entry, and what its archive states of them.
@@ -46,6 +52,41 @@ struct PackedEntry {
   uLong crc = 0;
 };
 
+// Replaces the sizes by those of 64 bits, if there are any. minizip would leave the markers in their place:
+// it looks for markers that are as wide as its own fields.
+bool ResolveSizes(unzFile handle, unz_file_info64* info) {
+  if (info->uncompressed_size != kIn64Bits && info->compressed_size != kIn64Bits) return true;
+  QByteArray buffer(kExtraBufferBytes, Qt::Uninitialized);
+  unz_file_info64 again;
+  if (unzGetCurrentFileInfo64(handle, &again, nullptr, 0, buffer.data(), kExtraBufferBytes, nullptr, 0) !=
+      UNZ_OK) {
+    return false;
+  }
+  const char* field = buffer.constData();
+  auto left = static_cast<int>(info->size_file_extra);
+  while (left >= 4) {
+    const auto kind = qFromLittleEndian<quint16>(field);
+    int length = qFromLittleEndian<quint16>(field + 2);
+    field += 4;
+    left -= 4;
+    if (length > left) return false;
+    if (kind != kZip64Extra) {
+      field += length;
+      left -= length;
+      continue;
+    }
+    for (ZPOS64_T* size : {&info->uncompressed_size, &info->compressed_size}) {
+      if (*size != kIn64Bits) continue;
+      if (length < 8) return false;
+      *size = qFromLittleEndian<quint64>(field);
+      field += 8;
+      length -= 8;
+    }
+    return true;
+  }
+  return false;
+}
+
 // Finds the packed bytes of the handle's current entry. False unless they lie within the archive and are
 // something that Unpack() can handle, within the limit.
 bool LocateBytes(MemoryArchive* archive, unzFile handle, PackedEntry* entry) {
@@ -53,6 +94,7 @@ bool LocateBytes(MemoryArchive* archive, unzFile handle, PackedEntry* entry) {
   if (unzGetCurrentFileInfo64(handle, &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK) return false;
   if ((info.flag & kEncryptedFlag) != 0) return false;
   if (info.compression_method != kStored && info.compression_method != kDeflated) return false;
+  if (!ResolveSizes(handle, &info)) return false;
   if (info.uncompressed_size > std::min(GetExtractionLimit(), kLongestArray)) return false;
 
   // Opening it "raw" makes minizip read the local header, which says where the bytes begin, and nothing else.

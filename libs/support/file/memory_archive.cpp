@@ -92,8 +92,10 @@ struct MemoryArchive::Callbacks {
     std::size_t base = 0;
     if (origin == ZLIB_FILEFUNC_SEEK_CUR) base = archive->position_;
     if (origin == ZLIB_FILEFUNC_SEEK_END) base = archive->size_;
-    if (offset > archive->size_ - base) return -1;
-    archive->position_ = base + offset;
+    // Not a slip: the sum may wrap around, because minizip goes back by adding a negative number.
+    const ZPOS64_T target = base + offset;
+    if (target > archive->size_) return -1;
+    archive->position_ = target;
     return 0;
   }
 

@@ -1,0 +1,267 @@
+#include "orvan/support/file/kmz_zip.h"
+
+#include <gtest/gtest.h>
+#include <unzip.h>
+
+#include <random>
+#include <vector>
+
+#include "tests/libsupport/file/zip_maker.h"
+#include "tests/support/wait.h"
+
+namespace orvan::kmz {
+namespace {
+
+using test::ZipEntry;
+using test::ZipMaker;
+
+// An archive open over bytes of its own: a heap block of exact size, so that AddressSanitizer sees a read
+// behind its end.
+class Archive {
+ public:
+  explicit Archive(const QByteArray& bytes) : bytes_(bytes.begin(), bytes.end()) {
+    MemoryFileFunctions functions;
+    if (mem_simple_create_file(&functions, bytes_.data(), bytes_.size())) handle_ = unzAttach(functions);
+  }
+  ~Archive() { unzClose(handle_); }
+  Archive(const Archive&) = delete;
+
+  void* handle() const { return handle_; }
+  QByteArray Read(const char* name) const { return UnzipZFile(handle_, QString::fromUtf8(name)); }
+  QStringList List() const { return ListEntries(handle_); }
+
+ private:
+  const std::vector<char> bytes_;
+  void* handle_ = nullptr;
+};
+
+QByteArray Noise(int size) {
+  std::mt19937 random(17);
+  QByteArray bytes(size, Qt::Uninitialized);
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  return bytes;
+}
+
+ZipEntry Entry(const QByteArray& name, const QByteArray& content) { return ZipEntry{name, content}; }
+
+ZipEntry Stored(const QByteArray& name, const QByteArray& content) {
+  ZipEntry entry = Entry(name, content);
+  entry.deflated = false;
+  return entry;
+}
+
+TEST(KmzZipTest, TellsAnArchiveByItsFirstFourBytes) {
+  const auto is_kmz = [](const QByteArray& bytes) {
+    return IsKmzData(reinterpret_cast<const unsigned char*>(bytes.constData()), bytes.size());
+  };
+  EXPECT_TRUE(is_kmz("PK\3\4"));
+  EXPECT_FALSE(is_kmz("PK\3"));
+  EXPECT_FALSE(is_kmz("PK\5\6 an archive without entries"));
+  EXPECT_FALSE(IsKmzData(nullptr, 0));
+}
+
+TEST(KmzZipTest, ReadsEntriesOfEveryMakeByNameWithoutRegardToCase) {
+  ZipMaker maker;
+  ZipEntry descriptor = Entry("b.txt", Noise(70000));
+  descriptor.descriptor = true;
+  ZipEntry zip64 = Entry("c.txt", "in 64 bits");
+  zip64.zip64 = true;
+  const QByteArray large(9 * 1024 * 1024 + 5, 'x');
+  maker.Add(Stored("Images/A.PNG", "stored"));
+  maker.Add(descriptor);
+  maker.Add(zip64);
+  maker.Add("large", large);
+  maker.Add(Stored("", "no name"));
+  maker.Add("empty", "");
+  maker.Add("../up", "a name, not a path");
+  maker.Add("\xC3\x84.kml", "umlaut");
+  for (const QByteArray& bytes :
+       {maker.Finish(), "junk in front" + maker.Finish(-1, "and a comment behind")}) {
+    const Archive archive(bytes);
+    ASSERT_NE(archive.handle(), nullptr);
+    EXPECT_EQ(archive.Read("images/a.png"), "stored");
+    EXPECT_EQ(archive.Read("IMAGES/A.png"), "stored");
+    EXPECT_EQ(archive.Read("b.txt"), Noise(70000));
+    EXPECT_EQ(archive.Read("c.txt"), "in 64 bits");
+    EXPECT_EQ(archive.Read("large"), large);
+    EXPECT_EQ(archive.Read("../up"), "a name, not a path");
+    EXPECT_EQ(archive.Read("\xC3\xA4.KML"), "umlaut");
+    EXPECT_TRUE(archive.Read("empty").isEmpty());
+    EXPECT_TRUE(archive.Read("absent").isEmpty());
+    EXPECT_EQ(archive.List(), QStringList({"Images/A.PNG", "b.txt", "c.txt", "large", "", "empty", "../up",
+                                           QString::fromUtf8("\xC3\x84.kml")}));
+  }
+}
+
+// The directory has an end for names of 65,535 bytes; minizip's own buffers often do not.
+TEST(KmzZipTest, NamesOfAnyLengthAreNames) {
+  ZipMaker maker;
+  const std::vector<int> lengths = {1, 255, 1023, 1024, 1025, 65534, 65535};
+  for (const int length : lengths) maker.Add(Stored(QByteArray(length, 'n'), QByteArray::number(length)));
+  const Archive archive(maker.Finish());
+  ASSERT_EQ(archive.List().size(), static_cast<int>(lengths.size()));
+  for (const int length : lengths) {
+    EXPECT_EQ(archive.Read(QByteArray(length, 'N').constData()), QByteArray::number(length));
+  }
+  EXPECT_TRUE(archive.Read(QByteArray(1022, 'n').constData()).isEmpty());
+}
+
+TEST(KmzZipTest, OfNamesThatDifferByCaseTheFirstWins) {
+  ZipMaker maker;
+  maker.Add("Doc.txt", "first");
+  maker.Add("doc.TXT", "second");
+  maker.Add("doc.txt", "third");
+  const Archive archive(maker.Finish());
+  EXPECT_EQ(archive.Read("doc.txt"), "first");
+  EXPECT_EQ(archive.List().size(), 3);
+}
+
+TEST(KmzZipTest, AnEmptyNameAsksForTheMainDocument) {
+  const struct {
+    const char* says;
+    std::vector<QByteArray> names;
+    QByteArray expected;
+  } cases[] = {
+      {"doc.kml at the root, wherever it stands", {"a.kml", "sub/doc.kml", "DOC.kml"}, "DOC.kml"},
+      {"else the first document at the root", {"sub/doc.kml", "b.KML", "a.kml"}, "b.KML"},
+      {"else the first anywhere", {"x.png", "sub/b.kml", "sub/a.kml"}, "sub/b.kml"},
+      {"a folder is no document", {"x.kml/", "x.kml/y.png"}, ""},
+      {"an entry without a name is none either", {"", "x.png"}, ""},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.says);
+    ZipMaker maker;
+    for (const QByteArray& name : row.names) maker.Add(name, name);
+    EXPECT_EQ(Archive(maker.Finish()).Read(""), row.expected);
+  }
+}
+
+TEST(KmzZipTest, ADamagedEntryGivesNothingAndLeavesTheOthersReadable) {
+  const QByteArray content = "some content, some content, some content";
+  const auto changed = [&](const std::function<void(ZipEntry*)>& change) {
+    ZipEntry entry = Entry("bad", content);
+    change(&entry);
+    return entry;
+  };
+  const struct {
+    const char* says;
+    ZipEntry entry;
+  } cases[] = {
+      {"wrong CRC", changed([](ZipEntry* e) { e->crc_error = 1; })},
+      {"wrong CRC, stored", changed([](ZipEntry* e) { e->deflated = false, e->crc_error = 1; })},
+      {"encrypted", changed([](ZipEntry* e) { e->flags = 1; })},
+      {"unknown method", changed([](ZipEntry* e) { e->method = 9; })},
+      {"bzip2, which minizip may know", changed([](ZipEntry* e) { e->method = 12; })},
+      {"states less than it unfolds to", changed([](ZipEntry* e) { e->size_error = -1; })},
+      {"states nothing", changed([&](ZipEntry* e) { e->size_error = -content.size(); })},
+      {"states more than it unfolds to", changed([](ZipEntry* e) { e->size_error = 1; })},
+      {"states more than deflate can make of it", changed([](ZipEntry* e) { e->size_error = 200 << 20; })},
+      {"states more than the limit", changed([](ZipEntry* e) { e->size_error = 0x70000000; })},
+      {"stored in two sizes", changed([](ZipEntry* e) { e->deflated = false, e->size_error = 1; })},
+      {"packed bytes end early", changed([](ZipEntry* e) { e->packed_error = -2; })},
+      {"packed bytes go beyond the archive", changed([](ZipEntry* e) { e->packed_error = 1 << 20; })},
+      {"64 bits of packed bytes", changed([](ZipEntry* e) { e->zip64 = true, e->packed_error = -1000; })},
+      {"64 bits of content", changed([](ZipEntry* e) { e->zip64 = true, e->size_error = -1000; })},
+      {"no deflate stream", changed([](ZipEntry* e) { e->deflated = false, e->method = 8; })},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.says);
+    ZipMaker maker;
+    maker.Add("before", "intact");
+    maker.Add(row.entry);
+    maker.Add(Stored("after", "as well"));
+    const Archive archive(maker.Finish());
+    EXPECT_TRUE(archive.Read("bad").isEmpty());
+    EXPECT_EQ(archive.Read("before"), "intact");
+    EXPECT_EQ(archive.Read("after"), "as well");
+  }
+}
+
+// 32 MiB out of 32 KiB: the entry states a megabyte, or the truth, and the limit is above neither.
+TEST(KmzZipTest, ABombDoesNotGoOffAboveTheLimit) {
+  const std::size_t limit = GetExtractionLimit();
+  const QByteArray zeros(32 * 1024 * 1024, '\0');
+  ZipMaker maker;
+  ZipEntry liar = Entry("liar", zeros);
+  liar.size_error = -(31 * 1024 * 1024);
+  maker.Add(liar);
+  maker.Add("honest", zeros);
+  const Archive archive(maker.Finish());
+  EXPECT_EQ(archive.Read("honest").size(), zeros.size());
+  SetExtractionLimit(16 * 1024 * 1024);
+  const bool peak_known = test::ResetPeakResidentBytes();
+  const qint64 before = test::ResidentBytes();
+  EXPECT_TRUE(archive.Read("honest").isEmpty());
+  EXPECT_TRUE(archive.Read("liar").isEmpty());
+  if (peak_known && !test::UnderSanitizer()) {
+    EXPECT_LT(test::PeakResidentBytes() - before, 8 * 1024 * 1024);
+  }
+  SetExtractionLimit(limit);
+}
+
+TEST(KmzZipTest, AFalseCountOfEntriesLeadsNowhere) {
+  ZipMaker maker;
+  maker.Add("a", "1");
+  maker.Add("b", "2");
+  EXPECT_EQ(Archive(maker.Finish(1)).List(), QStringList({"a"}));
+  EXPECT_EQ(Archive(maker.Finish(50000)).List(), QStringList({"a", "b"}));
+  EXPECT_EQ(Archive(maker.Finish(0xFFFF)).List(), QStringList({"a", "b"}));
+}
+
+// Wherever an archive is cut and whatever byte of it is wrong, an entry comes out right or not at all.
+TEST(KmzZipTest, CutAndChangedArchivesNeverGiveWrongBytes) {
+  ZipMaker maker;
+  const QByteArray content = Noise(300) + QByteArray(2000, 'y');
+  maker.Add("a.kml", content);
+  maker.Add(Stored("b.txt", content));
+  const QByteArray whole = maker.Finish(-1, "comment");
+  const auto check = [&](const QByteArray& bytes) {
+    const Archive archive(bytes);
+    EXPECT_LE(archive.List().size(), 2);
+    for (const char* name : {"a.kml", "b.txt", ""}) {
+      const QByteArray read = archive.Read(name);
+      EXPECT_TRUE(read.isEmpty() || read == content);
+    }
+  };
+  for (int tenth = 0; tenth <= 10; ++tenth) {
+    SCOPED_TRACE(tenth);
+    check(whole.left(whole.size() * tenth / 10));
+    check(whole.mid(whole.size() * tenth / 10));
+  }
+  for (int i = 0; i < whole.size(); ++i) {
+    QByteArray changed = whole;
+    changed[i] = static_cast<char>(~changed.at(i));
+    check(changed);
+  }
+}
+
+TEST(KmzZipTest, HandlesThatAreNullForeignOrClosedAnswerEmpty) {
+  MemoryFileFunctions functions;
+  EXPECT_FALSE(mem_simple_create_file(&functions, nullptr, 10));
+  ASSERT_TRUE(mem_simple_create_file(&functions, "no archive", 10));
+  EXPECT_EQ(unzAttach(functions), nullptr);
+  EXPECT_TRUE(UnzipZFile(nullptr, QStringLiteral("a")).isEmpty());
+  EXPECT_TRUE(ListEntries(nullptr).isEmpty());
+
+  ZipMaker maker;
+  maker.Add("a", "old");
+  const QByteArray old_bytes = maker.Finish();
+  ASSERT_TRUE(
+      mem_simple_create_file(&functions, old_bytes.constData(), static_cast<size_t>(old_bytes.size())));
+  void* const closed = unzAttach(functions);
+  EXPECT_EQ(UnzipZFile(closed, QStringLiteral("a")), "old");
+  EXPECT_EQ(unzClose(closed), UNZ_OK);
+  EXPECT_TRUE(UnzipZFile(closed, QStringLiteral("a")).isEmpty());
+
+  // Handles at addresses that others had before: nothing of those may be left.
+  for (int i = 0; i < 100; ++i) {
+    ZipMaker next;
+    next.Add(QByteArray::number(i), "x");
+    const Archive archive(next.Finish());
+    EXPECT_EQ(archive.Read(QByteArray::number(i).constData()), "x");
+    EXPECT_TRUE(archive.Read(QByteArray::number(i - 1).constData()).isEmpty());
+  }
+}
+
+}  // namespace
+}  // namespace orvan::kmz

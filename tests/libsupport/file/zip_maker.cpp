@@ -1,0 +1,95 @@
+#include "tests/libsupport/file/zip_maker.h"
+
+#include <zlib.h>
+
+#include <QtEndian>
+
+namespace orvan::test {
+namespace {
+
+template <typename T>
+void Append(QByteArray* out, T value) {
+  char bytes[sizeof(T)];
+  qToLittleEndian(value, bytes);
+  out->append(bytes, sizeof(T));
+}
+
+// What qCompress() makes, without the length in front, the zlib header and the checksum at the end.
+QByteArray Deflate(const QByteArray& content) {
+  if (content.isEmpty()) return QByteArray::fromHex("0300");
+  const QByteArray packed = qCompress(content, 9);
+  return packed.mid(6, packed.size() - 10);
+}
+
+void AppendCommon(QByteArray* out, const ZipEntry& entry, quint32 crc, quint64 packed, quint64 size,
+                  bool zeros) {
+  const quint16 method = entry.method != 0xFFFF ? entry.method : static_cast<quint16>(entry.deflated ? 8 : 0);
+  Append<quint16>(out, entry.zip64 ? 45 : 20);
+  Append<quint16>(out, static_cast<quint16>(entry.flags | (entry.descriptor ? 8 : 0)));
+  Append<quint16>(out, method);
+  Append<quint32>(out, 0x00210000);  // 1980-01-01
+  Append<quint32>(out, zeros ? 0 : crc);
+  Append<quint32>(out, entry.zip64 ? 0xFFFFFFFF : zeros ? 0 : static_cast<quint32>(packed));
+  Append<quint32>(out, entry.zip64 ? 0xFFFFFFFF : zeros ? 0 : static_cast<quint32>(size));
+  Append<quint16>(out, static_cast<quint16>(entry.name.size()));
+  Append<quint16>(out, entry.zip64 ? 20 : 0);
+}
+
+void AppendZip64Extra(QByteArray* out, const ZipEntry& entry, quint64 packed, quint64 size) {
+  if (!entry.zip64) return;
+  Append<quint16>(out, 1);
+  Append<quint16>(out, 16);
+  Append<quint64>(out, size);
+  Append<quint64>(out, packed);
+}
+
+}  // namespace
+
+void ZipMaker::Add(const ZipEntry& entry) {
+  const QByteArray bytes = entry.deflated ? Deflate(entry.content) : entry.content;
+  const auto packed = static_cast<quint64>(bytes.size() + entry.packed_error);
+  const auto size = static_cast<quint64>(entry.content.size() + entry.size_error);
+  const quint32 crc = static_cast<quint32>(crc32(0, reinterpret_cast<const Bytef*>(entry.content.constData()),
+                                                 static_cast<uInt>(entry.content.size()))) ^
+                      entry.crc_error;
+  const int offset = local_.size();
+
+  Append<quint32>(&local_, 0x04034B50);
+  AppendCommon(&local_, entry, crc, packed, size, entry.descriptor);
+  local_ += entry.name;
+  AppendZip64Extra(&local_, entry, packed, size);
+  local_ += bytes;
+  if (entry.descriptor) {
+    Append<quint32>(&local_, 0x08074B50);
+    Append<quint32>(&local_, crc);
+    Append<quint32>(&local_, static_cast<quint32>(packed));
+    Append<quint32>(&local_, static_cast<quint32>(size));
+  }
+
+  Append<quint32>(&directory_, 0x02014B50);
+  Append<quint16>(&directory_, 45);
+  AppendCommon(&directory_, entry, crc, packed, size, false);
+  Append<quint16>(&directory_, 0);  // comment
+  Append<quint16>(&directory_, 0);  // disk
+  Append<quint16>(&directory_, 0);  // attributes
+  Append<quint32>(&directory_, 0);
+  Append<quint32>(&directory_, static_cast<quint32>(offset));
+  directory_ += entry.name;
+  AppendZip64Extra(&directory_, entry, packed, size);
+  ++entries_;
+}
+
+QByteArray ZipMaker::Finish(int stated_entries, const QByteArray& comment) const {
+  const auto entries = static_cast<quint16>(stated_entries < 0 ? entries_ : stated_entries);
+  QByteArray out = local_ + directory_;
+  Append<quint32>(&out, 0x06054B50);
+  Append<quint32>(&out, 0);  // disks
+  Append<quint16>(&out, entries);
+  Append<quint16>(&out, entries);
+  Append<quint32>(&out, static_cast<quint32>(directory_.size()));
+  Append<quint32>(&out, static_cast<quint32>(local_.size()));
+  Append<quint16>(&out, static_cast<quint16>(comment.size()));
+  return out + comment;
+}
+
+}  // namespace orvan::test
