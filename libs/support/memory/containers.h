@@ -29,8 +29,9 @@ class mmallocator {
   T* allocate(std::size_t n) {
     static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__,
                   "doNew() has no more than the usual alignment");
-    if (n > static_cast<std::size_t>(-1) / sizeof(T)) throw std::bad_alloc();
-    return static_cast<T*>(doNew(n * sizeof(T), manager_));
+    constexpr std::size_t size = sizeof(T);  // NOLINT(bugprone-sizeof-expression): T may be a pointer
+    if (n > static_cast<std::size_t>(-1) / size) throw std::bad_alloc();
+    return static_cast<T*>(doNew(n * size, manager_));
   }
   void deallocate(T* memory, std::size_t) noexcept { doDelete(memory); }
   MemoryManager* manager() const noexcept { return manager_; }

@@ -61,7 +61,7 @@ void doDelete(void* memory) { ::operator delete(memory); }
 
 void* AlignBytes(int alignment, void* pointer) {
   const auto mask = static_cast<std::uintptr_t>(alignment) - 1;
-  return reinterpret_cast<void*>((reinterpret_cast<std::uintptr_t>(pointer) + mask) & ~mask);
+  return static_cast<char*>(pointer) + (-reinterpret_cast<std::uintptr_t>(pointer) & mask);
 }
 
 void* MemoryObject::operator new(std::size_t size) { return doNew(size, nullptr); }

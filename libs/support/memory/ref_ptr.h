@@ -25,7 +25,10 @@ class RefPtr {
     if (pointer_) pointer_->unref();
   }
 
-  RefPtr& operator=(const RefPtr& other) { return *this = other.pointer_; }
+  RefPtr& operator=(const RefPtr& other) {
+    if (this != &other) *this = other.pointer_;
+    return *this;
+  }
   RefPtr& operator=(RefPtr&& other) noexcept {
     RefPtr taken(std::move(other));
     swap(taken);

@@ -7,14 +7,15 @@
 namespace orvan {
 
 // Base classes for counted objects. A count starts at 0; the first RefPtr makes it 1. When it falls back to
-// 0, orphaned() is called, which deletes the object unless a subclass has better plans.
+// 0, orphaned() is called, which deletes the object unless a subclass has better plans. Copies and
+// assignments leave the counts alone: each object counts its own holders.
 
 // For objects that stay on one thread.
 class ORVAN_SUPPORT_EXPORT Referent {
  public:
   Referent() = default;
   Referent(const Referent&) : ref_count_(0) {}
-  Referent& operator=(const Referent&) { return *this; }
+  Referent& operator=(const Referent&) { return *this; }  // NOLINT(cert-oop54-cpp): copies nothing
   virtual ~Referent();
   virtual void orphaned() const;
 
@@ -33,7 +34,7 @@ class ORVAN_SUPPORT_EXPORT AtomicReferent {
  public:
   AtomicReferent() = default;
   AtomicReferent(const AtomicReferent&) : ref_count_(0) {}
-  AtomicReferent& operator=(const AtomicReferent&) { return *this; }
+  AtomicReferent& operator=(const AtomicReferent&) { return *this; }  // NOLINT(cert-oop54-cpp): as above
   virtual ~AtomicReferent();
   virtual void orphaned() const;
 

@@ -19,7 +19,7 @@ struct Fields {
 };
 
 qint64 SecondsOf(const QDate& date, int hour, int minute, int second) {
-  return QDate(1970, 1, 1).daysTo(date) * 86400 + (hour * 60 + minute) * 60 + second;
+  return QDate(1970, 1, 1).daysTo(date) * 86400 + hour * qint64{3600} + minute * qint64{60} + second;
 }
 
 // The three forms, in the order in which servers use them. Built once and never destroyed; matching with a

@@ -73,10 +73,15 @@ TEST(HeapBufferTest, SharesItsBlockAndKeepsBothSidesApart) {
 }
 
 TEST(HeapBufferTest, AppendsBytesOfItsOwn) {
-  HeapBuffer* buffer = HeapBuffer::CreateFromQtBuffer(nullptr, QByteArray("0123456789abcdef").repeated(64));
-  const QByteArray once = buffer->ToQByteArray();
-  EXPECT_TRUE(buffer->AppendData(static_cast<const HeapBuffer*>(buffer)->data() + 8, 1000));
-  EXPECT_EQ(buffer->ToQByteArray(), once + once.mid(8, 1000));
+  QByteArray expected = QByteArray("0123456789abcdef").repeated(4096);
+  HeapBuffer* buffer = HeapBuffer::create(nullptr, 1, 0);
+  EXPECT_TRUE(buffer->AppendData(expected.constData(), expected.size()));
+  for (int i = 0; i < 5; ++i) {  // nobody shares the block, so each growth frees or moves it
+    EXPECT_TRUE(buffer->AppendData(static_cast<const HeapBuffer*>(buffer)->data() + 8, expected.size() - 8));
+    expected += expected.mid(8);
+    EXPECT_EQ(buffer->size(), static_cast<unsigned int>(expected.size()));
+  }
+  EXPECT_EQ(buffer->ToQByteArray(), expected);
   buffer->unref();
 }
 
@@ -100,6 +105,15 @@ TEST(MemoryTest, ObjectsOfADomainDieByPlainDelete) {
   alignas(Tied) char place[sizeof(Tied)];
   (new (place) Tied)->~Tied();
   doDelete(doNew(10, nullptr));
+}
+
+TEST(MemoryTest, AlignsUpwards) {
+  const auto align = [](std::uintptr_t address) {
+    return reinterpret_cast<std::uintptr_t>(AlignBytes(8, reinterpret_cast<void*>(address)));
+  };
+  EXPECT_EQ(align(0x1000), 0x1000u);
+  EXPECT_EQ(align(0x1001), 0x1008u);
+  EXPECT_EQ(align(0x1007), 0x1008u);
 }
 
 TEST(MemoryTest, ListsOfDifferentDomainsCanBeSpliced) {

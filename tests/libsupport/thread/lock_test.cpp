@@ -73,6 +73,7 @@ TEST(SpinLockTest, KeepsThreadsApart) {
 }
 
 TEST(SpinLockTest, WakesEverySleeper) {
+  test::Watchdog watchdog(60, "a sleeper that nobody wakes");
   SpinLock lock;
   Semaphore entered(0);
   std::vector<std::thread> threads;
