@@ -282,8 +282,8 @@ void Fetcher::ReadLastModified(const HttpRequest& response) {
   for (int i = 0; i < response.GetResponseHeaderCount(); ++i) {
     const QString& header = response.GetResponseHeader(i);
     if (!header.contains(QLatin1String("Last-Modified"))) continue;  // spares most headers the expression
-    // Not a slip: QRegExp leaves the blank behind the colon to the capture, and so to GetLastModified(). The date
-    // parser and the transport pass over it.
+    // Not a slip: QRegExp leaves the blank behind the colon to the capture, and so to GetLastModified(). The
+    // date parser and the transport pass over it.
     QRegExp pattern(QStringLiteral("Last-Modified\\s*:\\s*(.*)"));
     if (pattern.indexIn(header) < 0) continue;
     last_modified_ = pattern.cap(1);

@@ -192,9 +192,10 @@ constexpr StateText kStateTexts[] = {
                         "because the client does not support the response format."),
       nullptr}},
     {416,
-     {QT_TRANSLATE_NOOP("QObject",
-                        "HTTP 416(Requested Range Not Satisfiable) The server could not find the range "
-                        "specified in the Range header."),
+     {QT_TRANSLATE_NOOP(
+          "QObject",
+          "HTTP 416(Requested Range Not Satisfiable) The server could not find the range specified "
+          "in the Range header."),
       nullptr}},
     {417,
      {QT_TRANSLATE_NOOP("QObject",
