@@ -47,9 +47,12 @@ QByteArray Report::AsText(const FetchRecord& record) const {
   if (!record.problem.isEmpty()) lines.append(record.problem);
   lines.append(
       QStringLiteral("state %1: %2").arg(record.state).arg(orvan::net::GetFetchStateText(record.state)));
-  lines.append(QStringLiteral("%1, %2, %3")
-                   .arg(NameOfMime(record.mime), QStringLiteral("%1 bytes").arg(record.bytes),
-                        Seconds(record.seconds)));
+  // The library can guess a kind from the URL alone, which would only confuse where nothing came.
+  lines.append(record.bytes == 0 && !good ? Seconds(record.seconds)
+                                          : QStringLiteral("%1, %2 bytes, %3")
+                                                .arg(NameOfMime(record.mime))
+                                                .arg(record.bytes)
+                                                .arg(Seconds(record.seconds)));
   if (!record.last_modified.isEmpty()) lines.append(QStringLiteral("last modified ") + record.last_modified);
   if (record.expires) lines.append(QStringLiteral("expires ") + HttpDate(*record.expires));
   if (!record.anchor.isEmpty()) lines.append(QStringLiteral("anchor ") + record.anchor);
