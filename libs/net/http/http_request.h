@@ -23,6 +23,8 @@ namespace orvan::net {
 // Ownership: starts with one reference, that of its creator. A successful enqueue passes it to the
 //            connection. unref() may destroy the request, on whatever thread that happens to be.
 // Errors:    operations that return a status return kStatusOk or kStatusFailed.
+// Security:  a redirect repeats the request with all its header lines and its body, credentials and cookies
+//            included, to whatever host it names. There is no limit to a body, and no time-out.
 class ORVAN_NET_EXPORT HttpRequest : public DLink {
  public:
   // An ordered list of whole header lines, "Name: value", without line ends. Names may repeat.

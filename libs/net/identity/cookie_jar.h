@@ -30,9 +30,15 @@ class ORVAN_NET_EXPORT QNetworkCookieJarExt : public QNetworkCookieJar {
 };
 
 // The jar that every connection of the process shares: what servers set with Set-Cookie, and what requests
-// bring along in Cookie lines, with Qt's rules for domain, path and expiry. In memory only.
+// bring along in Cookie lines, with Qt's rules for domain, path and expiry. In memory only. A cookie that a
+// caller puts into one request thus goes out with later requests to that host, too.
 //
-// Threads: any.
+// Besides it there is the connection store of HttpConnection::SetCookie(): names and values by base URL, with
+// a text prefix as its only rule, so a cookie for http://host also matches http://host.elsewhere. It is
+// copied only into requests whose skip mark the application has taken away
+// (HttpRequest::SetSkipCookieUpdate()). Neither store copies from the other.
+//
+// Threads: any. The jar object belongs to no thread and is never destroyed.
 class ORVAN_NET_EXPORT CookieJar {
  public:
   static QNetworkCookieJarExt* GetQtCookieJar();

@@ -5,7 +5,6 @@
 #include <memory>
 
 #include "orvan/net/http/http_connection.h"
-#include "orvan/net/identity/certificate_handler.h"
 #include "orvan/net/server/server_info.h"
 #include "tests/support/scripted_transport.h"
 
@@ -129,26 +128,6 @@ TEST_F(HttpConnectionFactoryTest, GivesConnectionsTheirMemoryAndTheirRates) {
   EXPECT_EQ(connection->GetMaxTransferRate(), 5);
   transport.SetConnectionsNull(true);
   EXPECT_EQ(HttpConnectionFactory::CreateHttpConnection(&server, nullptr, 15.0, 20, 2, 3, 4, 5), nullptr);
-}
-
-class CertificateHandler : public ICertificateHandler {
- public:
-  bool SelectCertificate(const mmvector<CertificateInfo*>&, const void** chosen) override {
-    *chosen = this;
-    return true;
-  }
-};
-
-TEST_F(HttpConnectionFactoryTest, AsksTheCertificateHandlerIfThereIsOne) {
-  CertificateHandler handler;
-  const void* chosen = nullptr;
-  EXPECT_FALSE(HttpConnectionFactory::GetCertificateFromList({}, &chosen));
-  EXPECT_EQ(chosen, nullptr);
-  HttpConnectionFactory::SetCertificateHandler(&handler);
-  HttpConnectionFactory::shutdown();  // handlers stay
-  EXPECT_TRUE(HttpConnectionFactory::GetCertificateFromList({}, &chosen));
-  EXPECT_EQ(chosen, &handler);
-  HttpConnectionFactory::SetCertificateHandler(nullptr);
 }
 
 }  // namespace

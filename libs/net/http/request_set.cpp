@@ -1,0 +1,47 @@
+#include "orvan/net/http/request_set.h"
+
+#include <boost/unordered_set.hpp>
+
+#include "orvan/net/http/http_request.h"
+#include "orvan/support/memory/hash.h"
+
+namespace orvan::net {
+
+struct RequestSet::Requests {
+  boost::unordered_set<RefPtr<HttpRequest>, StlHashAdapter<RefPtr<HttpRequest>>> set;
+};
+
+RequestSet::RequestSet() : requests_(std::make_unique<Requests>()) {}
+
+RequestSet::~RequestSet() { CancelAllRequests(); }
+
+void RequestSet::AddPendingRequest(HttpRequest* request) {
+  SpinLockGuard guard(lock_);
+  requests_->set.insert(RefPtr<HttpRequest>(request));
+}
+
+void RequestSet::RemovePendingRequest(HttpRequest* request) {
+  const RefPtr<HttpRequest> dropped(request);  // behind the guard: the set's reference may be the last one
+  SpinLockGuard guard(lock_);
+  requests_->set.erase(dropped);
+}
+
+RefPtr<HttpRequest> RequestSet::PopOneRequest() {
+  SpinLockGuard guard(lock_);
+  const auto first = requests_->set.begin();
+  if (first == requests_->set.end()) return nullptr;
+  RefPtr<HttpRequest> request = *first;
+  requests_->set.erase(first);
+  return request;
+}
+
+void RequestSet::CancelAllRequests() {
+  while (const RefPtr<HttpRequest> request = PopOneRequest()) {
+    // Not a slip: the callback goes second. Taking it away first would keep from the caller that a request
+    // ended by itself at this very moment. RequestSetTest.CancelsFirstAndDetachesSecond holds this in place.
+    request->Cancel();
+    request->SetCallback(nullptr, nullptr);
+  }
+}
+
+}  // namespace orvan::net
