@@ -15,9 +15,9 @@ namespace {
 
 constexpr int kMaxRedirects = 10;
 // Shorter bodies are read once, at their end.
-constexpr qint64 kReadAsItComesFrom = 64 * 1024;
+constexpr qint64 kReadAsItComesFrom = qint64{64} * 1024;
 // How far ahead of what has arrived an announced length is believed.
-constexpr qint64 kBelievedAhead = 64 * 1024 * 1024;
+constexpr qint64 kBelievedAhead = qint64{64} * 1024 * 1024;
 
 RefPtr<HeapBuffer> NewBuffer(MemoryManager* manager, unsigned int capacity) {
   HeapBuffer* const made = HeapBuffer::create(manager, capacity, 0);

@@ -168,18 +168,18 @@ TEST(QtTransportCompletionTest, ADomainThatRefusesEndsTheTransfer) {
   server.On("/chunks", Chunked(std::vector<std::string>(16, kMiB)));
   server.On("/boast",
             Script().Send("HTTP/1.1 200 OK\r\nContent-Length: 1099511627776\r\n\r\n" + kMiB).Silent());
-  auto* const domain = new HeapManager(nullptr);  // domains live as long as the process
-  Transport transport(server.port(), QStringLiteral("127.0.0.1"), false, QString(), domain);
+  static HeapManager domain(nullptr);  // domains live as long as the process
+  Transport transport(server.port(), QStringLiteral("127.0.0.1"), false, QString(), &domain);
   for (const char* const path : {"/short", "/long", "/chunks", "/boast"}) {
     SCOPED_TRACE(path);
-    domain->SetCeiling(path == std::string("/short") ? 4096 : 512 * 1024);
+    domain.SetCeiling(path == std::string("/short") ? 4096 : 512 * 1024);
     Exchange exchange(transport, path);
     ASSERT_TRUE(exchange.Run());
     EXPECT_EQ(exchange.status(), kStatusOutOfMemory);
     EXPECT_FALSE(exchange.HasBuffer());
     EXPECT_TRUE(exchange.headers().isEmpty());
   }
-  EXPECT_EQ(domain->GetBytesInUse(), 0u);
+  EXPECT_EQ(domain.GetBytesInUse(), 0u);
 }
 
 // A boast is believed for 64 MiB at most, and an honest length is met exactly, without a copy at the end.
@@ -187,16 +187,17 @@ TEST(QtTransportCompletionTest, ALargeBodyIsHeldOnce) {
   constexpr qint64 kBytes = 150 * 1000 * 1000;
   LoopbackServer server;
   server.On("/", LargeBody(kBytes));
-  auto* const domain = new HeapManager(nullptr);
-  domain->SetCeiling(kBytes + 16);
-  Transport transport(server.port(), QStringLiteral("127.0.0.1"), false, QString(), domain);
+  static HeapManager domain(nullptr);
+  domain.SetCeiling(kBytes + 16);
+  Transport transport(server.port(), QStringLiteral("127.0.0.1"), false, QString(), &domain);
   const qint64 before = ResidentBytes();
   ASSERT_TRUE(ResetPeakResidentBytes());
   Exchange exchange(transport, "/");
   ASSERT_TRUE(exchange.Run());
   EXPECT_EQ(exchange.status(), kStatusOk);
   EXPECT_EQ(exchange.body().size(), kBytes);
-  EXPECT_EQ(exchange.body().constData(), exchange->GetResponseBuffer()->data()) << "shared, not copied";
+  const HeapBuffer& buffer = *exchange->GetResponseBuffer();  // const: data() of another one would detach
+  EXPECT_EQ(exchange.body().constData(), buffer.data()) << "shared, not copied";
   const qint64 slack = UnderSanitizer() ? 4 * kBytes : 0;
   EXPECT_LT(PeakResidentBytes() - before, kBytes * 14 / 10 + slack);
 }

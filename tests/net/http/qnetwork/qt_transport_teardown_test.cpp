@@ -121,9 +121,9 @@ TEST(QtTransportTeardownTest, AConnectionMayEndOnAnyThread) {
     }
     Transport* victim = nullptr;
   };
-  auto* const domain = new DisposingDomain;
-  Transport own_worker(server.port(), QStringLiteral("127.0.0.1"), false, QString(), domain);
-  domain->victim = &own_worker;
+  static DisposingDomain domain;
+  Transport own_worker(server.port(), QStringLiteral("127.0.0.1"), false, QString(), &domain);
+  domain.victim = &own_worker;
   Exchange third(own_worker, "/");
   ASSERT_EQ(third.Send(), kStatusOk);
   EXPECT_TRUE(SpinUntil([&] { return third->getRefCount() == 1; }));
