@@ -104,12 +104,6 @@ TEST(ContentTypeTest, EveryListOfAcceptableTypesNamesTheArchiveOnce) {
   }
 }
 
-TEST(ContentTypeTest, AddsNoListOfAcceptableTypes) {
-  mmvector<RequestHeader> headers;
-  Fetcher::EditToAcceptKMZ(headers);
-  EXPECT_TRUE(headers.empty());
-}
-
 struct PlainCase {
   const char* says;
   const char* url;

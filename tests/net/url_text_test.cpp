@@ -88,11 +88,6 @@ TEST(UrlTextTest, EscapesText) {
   }
 }
 
-TEST(UrlTextTest, QuotesBytesWhateverTheyAre) {
-  EXPECT_EQ(UrlQuote("\xFF\x00~", 3), QStringLiteral("%FF%00~"));
-  EXPECT_TRUE(UrlQuote("x", 0).isNull());
-}
-
 TEST(UrlTextTest, DecodesEscapesAndLeavesPlusSigns) {
   QString text = QStringLiteral("a%20b+c%2Bd%C3%A9");
   UrlDecode(text);
@@ -199,13 +194,6 @@ TEST(UrlTextTest, ResolvesAndKeepsTheQueryOfTheBase) {
   }
 }
 
-TEST(UrlTextTest, NamesTheDirectoryOfAUrl) {
-  EXPECT_EQ(DirPath(QUrl(QStringLiteral("file:///a/b%20c/d.kml"))), QStringLiteral("/a/b c"));
-  EXPECT_EQ(DirPath(QUrl(QStringLiteral("http://h/a/"))), QStringLiteral("/a"));
-  EXPECT_EQ(DirPath(QUrl(QStringLiteral("a/b/c.kml"))), QStringLiteral("a/b"));
-  EXPECT_EQ(DirPath(QUrl(QStringLiteral("http://h"))), QString());
-}
-
 struct AnchorCase {
   const char* says;
   const char* text;
@@ -276,15 +264,6 @@ TEST(UrlTextTest, UnderstandsWhatAUserTyped) {
     SCOPED_TRACE(row.says);
     EXPECT_EQ(GetUrlFromUserInput(Text(row.text)).toEncoded().toStdString(), row.url);
   }
-}
-
-TEST(UrlTextTest, CreatesUrlsWithoutTheDefaultPort) {
-  const QString host = QStringLiteral("h");
-  const QString path = QStringLiteral("/p");
-  EXPECT_EQ(CreateUrl(false, host, path, 80), QUrl(QStringLiteral("http://h/p")));
-  EXPECT_EQ(CreateUrl(false, host, path, 8080), QUrl(QStringLiteral("http://h:8080/p")));
-  EXPECT_EQ(CreateUrl(true, host, path, 443), QUrl(QStringLiteral("https://h/p")));
-  EXPECT_EQ(CreateUrl(true, host, path, 80), QUrl(QStringLiteral("https://h:80/p")));
 }
 
 }  // namespace

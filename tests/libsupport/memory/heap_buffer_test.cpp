@@ -107,15 +107,6 @@ TEST(MemoryTest, ObjectsOfADomainDieByPlainDelete) {
   doDelete(doNew(10, nullptr));
 }
 
-TEST(MemoryTest, AlignsUpwards) {
-  const auto align = [](std::uintptr_t address) {
-    return reinterpret_cast<std::uintptr_t>(AlignBytes(8, reinterpret_cast<void*>(address)));
-  };
-  EXPECT_EQ(align(0x1000), 0x1000u);
-  EXPECT_EQ(align(0x1001), 0x1008u);
-  EXPECT_EQ(align(0x1007), 0x1008u);
-}
-
 TEST(MemoryTest, ListsOfDifferentDomainsCanBeSpliced) {
   mmlist<int> a{mmallocator<int>(HeapManager::GetStaticHeap())};
   mmlist<int> b{mmallocator<int>(HeapManager::GetDynamicHeap())};

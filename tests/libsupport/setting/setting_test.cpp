@@ -8,7 +8,6 @@
 #include <memory>
 #include <new>
 
-#include "orvan/support/setting/emitter.h"
 #include "orvan/support/setting/settings_store.h"
 
 namespace orvan {
@@ -90,22 +89,6 @@ TEST(SettingTest, AWriteAlwaysNamesTheWriterAndTellsOfChangesOnly) {
   Setting::s_current_modifier.clear();
 }
 
-TEST(SettingTest, ObserversMayRemoveOthersAndThemselves) {
-  SettingGroup group("G");
-  IntSetting setting(group, "number", 0);
-  int second = 0, calls = 0;
-  int first = 0;
-  first = setting.AddObserver([&](Setting&) {
-    ++calls;
-    setting.RemoveObserver(first);
-    setting.RemoveObserver(second);
-  });
-  second = setting.AddObserver([&](Setting&) { calls += 100; });
-  setting = 1;
-  setting = 2;
-  EXPECT_EQ(calls, 1);
-}
-
 TEST(SettingTest, PairsComeBackFromTheirText) {
   SettingGroup group("G");
   IntPairSetting setting(group, "pair", {0, 0});
@@ -173,25 +156,6 @@ struct Listener {
   std::function<void()> on_event;
   void OnEvent(int) { on_event(); }
 };
-
-TEST(EmitterTest, ObserversMayGoWhileTheyAreTold) {
-  Emitter<Listener, int> emitter;
-  int told = 0;
-  Listener last{[&] { told += 100; }};
-  Listener self;
-  self.on_event = [&] {
-    ++told;
-    EXPECT_TRUE(emitter.RemoveObserver(&self));
-    EXPECT_TRUE(emitter.RemoveObserver(&last));
-    if (told == 1) emitter.Emit(0);  // a nested round must not sweep the records of the outer one
-  };
-  emitter.AddObserver(&self);
-  emitter.AddObserver(&last);
-  emitter.Emit(0);
-  emitter.Emit(0);
-  EXPECT_EQ(told, 1);
-  EXPECT_FALSE(emitter.RemoveObserver(&last));
-}
 
 }  // namespace
 }  // namespace orvan

@@ -122,22 +122,6 @@ TEST(PathTest, CleansNamesAsTextOnly) {
   }
 }
 
-// Keys of caches are cleaned on each look-up, so a clean name has to stay, and the short way for names that
-// look clean must not overlook anything.
-TEST(PathTest, CleaningTwiceChangesNothing) {
-  QRandomGenerator dice(1);
-  for (int i = 0; i < 200000; ++i) {
-    QString path;
-    for (int length = dice.bounded(12); length > 0; --length) path += "//..a\\:"[dice.bounded(7)];
-    QString once = path;
-    file::CleanupPathname(once);
-    EXPECT_EQ(once, QDir::cleanPath(path)) << path.toStdString();
-    QString twice = once;
-    file::CleanupPathname(twice);
-    ASSERT_EQ(twice, once) << path.toStdString();
-  }
-}
-
 TEST(SignatureTest, HmacSha1OfRfc2202) {
   const QByteArray count = [] {
     QByteArray bytes;

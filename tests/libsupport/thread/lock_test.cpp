@@ -72,25 +72,6 @@ TEST(SpinLockTest, KeepsThreadsApart) {
   EXPECT_EQ(count, long{kThreads} * kRounds);
 }
 
-TEST(SpinLockTest, WakesEverySleeper) {
-  test::Watchdog watchdog(60, "a sleeper that nobody wakes");
-  SpinLock lock;
-  Semaphore entered(0);
-  std::vector<std::thread> threads;
-  {
-    SpinLockGuard guard(lock);
-    for (int i = 0; i < 3; ++i) {
-      threads.emplace_back([&] {
-        SpinLockGuard inner(lock);
-        entered.Post();
-      });
-    }
-    EXPECT_FALSE(entered.wait_for(50));  // long enough for all three to fall asleep
-  }
-  for (int i = 0; i < 3; ++i) EXPECT_TRUE(entered.wait_for(kWaitMs));
-  for (std::thread& thread : threads) thread.join();
-}
-
 TEST(SemaphoreTest, MayBeDestroyedAsSoonAsTheWaitReturns) {
   test::Watchdog watchdog(60, "semaphores destroyed under their poster");
   constexpr int kRounds = 5000;
@@ -134,24 +115,6 @@ TEST(SemaphoreTest, ASignalDoesNotEndTheWait) {
   sigaction(SIGUSR1, &before, nullptr);
 }
 
-TEST(ConditionPosixTest, TellsANotificationFromATimeOut) {
-  port::MutexPosix mutex;
-  port::ConditionPosix condition;
-  bool ready = false;
-  port::MutexGuard guard(mutex);
-  EXPECT_FALSE(condition.WaitFor(mutex, 1));
-  std::thread notifier([&] {
-    port::MutexGuard inner(mutex);
-    ready = true;
-    condition.NotifyOne();
-  });
-  while (!ready) {
-    if (!condition.WaitFor(mutex, kWaitMs)) break;
-  }
-  EXPECT_TRUE(ready);
-  notifier.join();
-}
-
 TEST(SystemTest, SpawnCutsALongNameInsteadOfLosingIt) {
   char name[32] = "";
   const unsigned long thread = System::spawn(
@@ -164,18 +127,6 @@ TEST(SystemTest, SpawnCutsALongNameInsteadOfLosingIt) {
   System::join(thread);
   EXPECT_STREQ(name, "http_callback_h");
   EXPECT_TRUE(System::IsMainThread());
-}
-
-TEST(SystemTest, RandomReachesBothBounds) {
-  bool low = false, high = false;
-  for (int i = 0; i < 10000 && !(low && high); ++i) {
-    const int value = System::Random(-1, 1);
-    ASSERT_TRUE(value >= -1 && value <= 1);
-    low = low || value == -1;
-    high = high || value == 1;
-  }
-  EXPECT_TRUE(low && high);
-  EXPECT_EQ(System::Random(7, 7), 7);
 }
 
 }  // namespace

@@ -81,13 +81,6 @@ TEST(ServerInfoTest, AnUnsupportedUrlLeavesTheServerAsItWas) {
   EXPECT_EQ(server, ServerInfo(QStringLiteral("h"), 81, true));
 }
 
-TEST(ServerInfoTest, APortBelowOneStandsForTheDefault) {
-  EXPECT_EQ(ServerInfo(QStringLiteral("h"), 0, true).port(), 443);
-  EXPECT_EQ(ServerInfo(QStringLiteral("h"), -1, true).port(), 443);
-  EXPECT_EQ(ServerInfo(QStringLiteral("h"), 0, false).port(), 80);
-  EXPECT_EQ(ServerInfo(QStringLiteral("h"), 81, true).port(), 81);
-}
-
 TEST(ServerInfoTest, ServersAreTheSameOnlyIfAllSixFieldsAre) {
   const ServerInfo server(QStringLiteral("h"), 80, false, QStringLiteral("agent"));
   EXPECT_EQ(server, ServerInfo(server));
@@ -102,19 +95,6 @@ TEST(ServerInfoTest, ServersAreTheSameOnlyIfAllSixFieldsAre) {
   EXPECT_NE(server, matched);
   matched.set_match(std::numeric_limits<double>::quiet_NaN(), 0);
   EXPECT_NE(matched, ServerInfo(matched)) << "a server with a NaN is not even its own equal";
-}
-
-TEST(ServerInfoTest, TheDefaultUserAgentHoldsForServersMadeLater) {
-  const QString before = ServerInfo().user_agent();
-  EXPECT_EQ(before, QStringLiteral("Quorex Orvan"));
-  ServerInfo::SetDefaultUserAgent(QString());
-  EXPECT_EQ(ServerInfo().user_agent(), before) << "null changes nothing";
-  ServerInfo::SetDefaultUserAgent(QStringLiteral(""));
-  EXPECT_EQ(ServerInfo().user_agent(), QString()) << "empty is an agent like any other";
-  ServerInfo::SetDefaultUserAgent(QStringLiteral("other"));
-  EXPECT_EQ(ServerInfo(QStringLiteral("http://h")).user_agent(), QStringLiteral("other"));
-  EXPECT_EQ(ServerInfo(QStringLiteral("h"), 1, true, QString()).user_agent(), QString());
-  ServerInfo::SetDefaultUserAgent(before);
 }
 
 struct ProtocolCase {
@@ -203,13 +183,6 @@ TEST(ServerInfoTest, BuildsUrlsFromTwoParts) {
     EXPECT_EQ(ServerInfo::BuildUrl(base, relative, true).toStdString(), row.path);
     EXPECT_EQ(ServerInfo::BuildUrlFromSanitized(base, relative).toStdString(), row.from_sanitized);
   }
-}
-
-TEST(ServerInfoTest, BuildsUrlsOfHosts) {
-  EXPECT_EQ(ServerInfo::BuildUrlFromHostAndPort(QStringLiteral("h"), 80), QStringLiteral("http://h:80/"))
-      << "the default port is written out";
-  EXPECT_EQ(ServerInfo::BuildUrlFromHostAndPort(QStringLiteral("h"), 443), QStringLiteral("http://h:443/"))
-      << "the scheme does not follow the port";
 }
 
 struct QueryCase {

@@ -42,10 +42,6 @@ Answer Get(QNetworkAccessManager* manager, const QString& url) {
   return Take(manager->get(QNetworkRequest(QUrl(url))));
 }
 
-std::string RawGet(const LoopbackServer& server, const std::string& target) {
-  return RawExchange(server.port(), "GET " + target + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
-}
-
 class LoopbackServerTest : public ::testing::Test {
  protected:
   const Watchdog watchdog_{60, "a test of the loopback server"};
@@ -71,41 +67,6 @@ TEST_F(LoopbackServerTest, RecordsWhatCameOverTheWire) {
   EXPECT_EQ(requests[1].connection, 1) << "both came on one connection";
 }
 
-TEST_F(LoopbackServerTest, ChoosesTheHitBeforeThePathBeforeTheCatchAll) {
-  server_.On("/a", Ok("every"));
-  server_.OnHit("/a", 2, Ok("second"));
-  server_.On("/a?x", Ok("with query"));
-  const auto body_of = [this](const std::string& target) {
-    const std::string answer = RawGet(server_, target);
-    return answer.substr(answer.find("\r\n\r\n") + 4);
-  };
-  EXPECT_EQ(body_of("/a"), "every");
-  EXPECT_EQ(body_of("/a"), "second");
-  EXPECT_EQ(body_of("/a?other"), "every");
-  EXPECT_EQ(body_of("/a?x"), "with query");
-  EXPECT_EQ(body_of("/b"), "nothing here");
-  server_.Otherwise([](const RecordedRequest& request) { return Ok("you said " + request.target); });
-  EXPECT_EQ(body_of("/b"), "you said /b");
-  EXPECT_EQ(server_.Hits("/a"), 4);
-}
-
-TEST_F(LoopbackServerTest, AnswersQtOnOneConnectionBesideAnIdlePreconnect) {
-  server_.On("/hello", Ok("hello"));
-  server_.On("/chunks", Chunked({"one ", "two"}));
-  server_.On("/headers", ManyHeaders(10000));
-  QNetworkAccessManager manager;
-  QNetworkAccessManager idle;
-  idle.connectToHost(QStringLiteral("127.0.0.1"), static_cast<quint16>(server_.port()));
-  ASSERT_TRUE(PumpUntil([this] { return server_.OpenConnections() == 1; }));
-  EXPECT_EQ(Get(&manager, server_.Url("/hello")).body, "hello");
-  EXPECT_EQ(Get(&manager, server_.Url("/chunks")).body, "one two");
-  const Answer many = Get(&manager, server_.Url("/headers"));
-  EXPECT_EQ(many.body, "ok");
-  EXPECT_EQ(many.header_count, 10001);
-  EXPECT_EQ(server_.AcceptedConnections(), 2);
-  EXPECT_EQ(Get(&manager, server_.Url(server_.AddRedirects("/r", 2, Ok("end")))).status, 302);
-}
-
 TEST_F(LoopbackServerTest, AStallLastsUntilTheTestEndsIt) {
   const Gate reached;
   const Gate go_on;
@@ -122,17 +83,6 @@ TEST_F(LoopbackServerTest, AStallLastsUntilTheTestEndsIt) {
   EXPECT_EQ(server_.MaxRunningRequests(), 2);
   go_on.Open();
   EXPECT_EQ(Take(slow).body, "ok");
-}
-
-TEST_F(LoopbackServerTest, RequestsOneAfterTheOtherNeverRunTogether) {
-  server_.On("/a", Reply(200, {}, "a").Close());
-  server_.On("/b", Script().Drip(Response(200, {}, "b"), 20, 0));
-  for (int n = 0; n < 100; ++n) {
-    RawGet(server_, "/a");
-    RawGet(server_, "/b");
-  }
-  EXPECT_EQ(server_.RequestCount(), 200);
-  EXPECT_EQ(server_.MaxRunningRequests(), 1);
 }
 
 TEST_F(LoopbackServerTest, DripsCutsResetsAndFloods) {
@@ -163,89 +113,6 @@ TEST_F(LoopbackServerTest, EndsAnEndlessBodyWhenTheClientGoes) {
   EXPECT_TRUE(PumpUntil([this] { return server_.RunningRequests() == 0 && server_.OpenConnections() == 0; }));
 }
 
-TEST_F(LoopbackServerTest, StopsAtOnceWhateverItsConnectionsDo) {
-  const int threads = CountThreads() - 1;  // without the one that accepts
-  const int descriptors = CountDescriptors() - 1;
-  const Gate reached;
-  server_.On("/silent", Script().Signal(reached).Silent());
-  server_.On("/pause", Script().Pause(3'600'000));
-  server_.On("/full", LargeBody(uint64_t{1} << 40));
-  server_.OnAccept([](int connection) { return connection == 1 ? Script().ReadAndIgnore() : Script(); });
-  std::vector<std::thread> clients;
-  for (const char* path : {"/ignored", "/silent", "/pause"}) {
-    clients.emplace_back([this, path] { EXPECT_EQ(RawGet(server_, path), ""); });
-    ASSERT_TRUE(server_.WaitForAccepted(static_cast<int>(clients.size())));
-  }
-  ASSERT_TRUE(server_.WaitForRequests(2));
-  QNetworkAccessManager manager;
-  QNetworkRequest request(QUrl(server_.Url("/full")));
-  QNetworkReply* full = manager.get(request);
-  full->setReadBufferSize(1000);  // so the server's send comes to a halt
-  ASSERT_TRUE(PumpUntil([full] { return full->bytesAvailable() > 0; }));
-  server_.Stop();
-  for (std::thread& client : clients) client.join();
-  EXPECT_EQ(server_.OpenConnections(), 0);
-  EXPECT_EQ(RawGet(server_, "/silent"), "") << "a stopped server refuses";
-  full->abort();
-  delete full;
-  manager.clearConnectionCache();
-  EXPECT_TRUE(PumpUntil([&] { return CountThreads() <= threads + 2; })) << "Qt keeps up to two of its own";
-  EXPECT_TRUE(PumpUntil([&] { return CountDescriptors() <= descriptors + 8; })) << "with their pipes";
-}
-
-TEST(PortTest, OneRefusesAndOneHangs) {
-  const RefusingPort refusing;
-  const HangingPort hanging;
-  QNetworkAccessManager manager;
-  QNetworkReply* waiting = manager.get(QNetworkRequest(QUrl(hanging.Url())));
-  EXPECT_EQ(Get(&manager, refusing.Url()).error, QNetworkReply::ConnectionRefusedError);
-  PumpFor(50);
-  EXPECT_FALSE(waiting->isFinished()) << waiting->errorString().toStdString();
-  delete waiting;
-}
-
-TEST(WaitTest, TellsWhetherItCameTrueAndDeletesLater) {
-  EXPECT_FALSE(PumpUntil([] { return false; }, 10));
-  std::promise<void> go;
-  std::atomic<bool> flag{false};
-  std::thread setter([&] {
-    go.get_future().wait();
-    flag = true;
-  });
-  go.set_value();
-  EXPECT_TRUE(PumpUntil([&] { return flag.load(); }));
-  setter.join();
-  bool deleted = false;
-  auto* object = new QObject;
-  QObject::connect(object, &QObject::destroyed, [&deleted] { deleted = true; });
-  object->deleteLater();
-  PumpPending();
-  EXPECT_TRUE(deleted);
-}
-
-TEST(WaitTest, AGateTellsItsListenersOnce) {
-  const Gate gate;
-  int called = 0;
-  gate.RemoveListener(gate.AddListener([&called] { called += 100; }));
-  gate.AddListener([&called] { ++called; });
-  EXPECT_FALSE(gate.Wait(5));
-  gate.Open();
-  gate.Open();
-  EXPECT_TRUE(gate.Wait());
-  gate.AddListener([&called] { called += 10; });
-  EXPECT_EQ(called, 11);
-}
-
-TEST(WatchdogDeathTest, NamesWhatTookTooLong) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        const Watchdog guard(1, "a deadlock");
-        (void)Gate().Wait(kWaitMs);
-      },
-      "'a deadlock' was not done after 1 seconds");
-}
-
 TEST(NginxServerTest, ServesHttpAndTlsToThoseWhoTrustIt) {
   TestCertificates certificates;
   ASSERT_TRUE(certificates.Create());
@@ -271,38 +138,6 @@ TEST(NginxServerTest, ServesHttpAndTlsToThoseWhoTrustIt) {
   EXPECT_EQ(Get(&manager, nginx.Url("/folder/a.txt")).error, QNetworkReply::ConnectionRefusedError);
 }
 
-TEST(NginxServerTest, RefusesWrongCertificatesForTheRightReason) {
-  TestCertificates certificates;
-  ASSERT_TRUE(certificates.Create());
-  ASSERT_TRUE(certificates.Trust());
-  const struct {
-    const char* name;
-    const char* alt_names;
-    TestCertificates::Kind kind;
-    QSslError::SslError error;
-  } kRows[] = {
-      {"expired", "DNS:localhost", TestCertificates::Kind::kExpired, QSslError::CertificateExpired},
-      {"alone", "DNS:localhost", TestCertificates::Kind::kSelfSigned, QSslError::SelfSignedCertificate},
-      {"other", "DNS:other.test", TestCertificates::Kind::kSigned, QSslError::HostNameMismatch},
-  };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.name);
-    ASSERT_TRUE(certificates.Issue(row.name, row.alt_names, row.kind));
-    NginxServer nginx;
-    nginx.UseTls(certificates, row.name);
-    ASSERT_TRUE(nginx.Start());
-    QNetworkAccessManager manager;
-    QList<QSslError::SslError> errors;
-    QObject::connect(&manager, &QNetworkAccessManager::sslErrors,
-                     [&errors](QNetworkReply*, const QList<QSslError>& list) {
-                       for (const QSslError& error : list) errors << error.error();
-                     });
-    EXPECT_EQ(Get(&manager, nginx.TlsUrl("/")).error, QNetworkReply::SslHandshakeFailedError);
-    EXPECT_TRUE(errors.contains(row.error)) << errors.value(0);
-  }
-  TestCertificates::Distrust();
-}
-
 TEST(HttpbinServerTest, Answers) {
   HttpbinServer httpbin;
   ASSERT_TRUE(httpbin.Start());
@@ -311,12 +146,6 @@ TEST(HttpbinServerTest, Answers) {
   EXPECT_TRUE(Get(&manager, httpbin.Url("/anything?a=b")).body.contains(R"("a":"b")"));
   httpbin.Stop();
   EXPECT_FALSE(httpbin.Running());
-}
-
-TEST(ChildProcessTest, AMissingProgramIsAFailureThatNamesItsPackage) {
-  const auto result = ChildProcess::Run("no-such-program", {}, "no-such-package");
-  EXPECT_FALSE(result);
-  EXPECT_NE(std::string(result.message()).find("Debian package no-such-package"), std::string::npos);
 }
 
 }  // namespace
