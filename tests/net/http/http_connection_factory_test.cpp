@@ -42,7 +42,7 @@ const HostCase kHostCases[] = {
     {"one with a dot got no second", "www.dot.test", false, true},
     {"a listed exception got lower case and no dot", "plain.maps.test", false, false},
     {"its neighbour is secure", "splain.maps.test", false, true},
-    {"an empty entry does not match everything", "elsewhere.test", false, false},
+    {"an empty entry does not become a dot that matches", "elsewhere.test.", false, false},
     {"an empty host is plain", "", false, false},
 };
 
