@@ -206,15 +206,17 @@ int StripAnchor(const QString& text, QString* anchor, QString* rest) {
 }
 
 QUrl GetUrlFromUserInput(const QString& text) {
-  const QUrl url = QUrl::fromUserInput(text);
+  QUrl url = QUrl::fromUserInput(text);
   if (url.isValid() && !url.host().isEmpty()) return url;
   const int type = GetFileNameType(text);
   const bool may_be_local = type == kFileNamePath || type == kFileNameFileUrl;
   if (!may_be_local || QFileInfo(text).isRelative()) return QUrl();
-  const QUrl local = QUrl::fromLocalFile(text);
-  return local.isValid() ? local : QUrl();
+  url = QUrl::fromLocalFile(text);
+  return url.isValid() ? url : QUrl();
 }
 
+// The two texts come by value, as agreed with callers.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 QUrl CreateUrl(bool secure, QString host, QString path, int port) {
   const QString protocol = ServerInfo::GetHttpProtocolString(secure);
   QString text = protocol + QLatin1String("://") + host;

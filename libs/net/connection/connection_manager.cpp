@@ -266,7 +266,7 @@ int ConnectionManager::RequestDone(HttpRequest*, void* user) {
 RefPtr<NetworkRequest> ConnectionManager::EnqueueRequest(const ServerInfo& server,
                                                          const NetworkRequest::Info& info) {
   HeapManager* const heap = HeapManager::GetTransientHeap();
-  const RefPtr<NetworkRequest> request = new (heap) NetworkRequest(server, info);
+  RefPtr<NetworkRequest> request = new (heap) NetworkRequest(server, info);
   Private::Scope scope(*d_);
   request->ticket_ = ++d_->last_ticket;
   d_->outstanding.Append(request->ticket_, new (heap) ConnectionRequestPair(nullptr, request.get()));

@@ -26,11 +26,11 @@ void* unzAttach(const MemoryFileFunctions& functions) { return kmz::MemoryArchiv
 namespace orvan::kmz {
 namespace {
 
-constexpr std::size_t kDefaultExtractionLimit = 256 * 1024 * 1024;
+constexpr std::size_t kDefaultExtractionLimit = std::size_t{256} * 1024 * 1024;
 constexpr std::size_t kLongestArray = std::numeric_limits<int>::max() - 64;
 // The most that deflate can make of a byte, and what an output starts with.
 constexpr std::size_t kDeflateFactor = 1032;
-constexpr std::size_t kFirstStep = 4 * 1024 * 1024;
+constexpr std::size_t kFirstStep = std::size_t{4} * 1024 * 1024;
 
 constexpr uLong kStored = 0;
 constexpr uLong kDeflated = 8;
