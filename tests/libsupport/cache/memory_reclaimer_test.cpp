@@ -80,11 +80,11 @@ TEST_F(MemoryReclaimerTest, AsksTheLongestUnusedFirstAndStopsAtThreeQuarters) {
 TEST_F(MemoryReclaimerTest, DemandsOnlyAboveTheBudgetAndOffersOncePerHalf) {
   MemoryReclaimer::SetBudget(1000);
   const auto refuse = [](Observer*, bool) { return false; };
-  const auto a = Make('a', 1, 600, refuse);
-  const auto b = Make('b', 2, 600, [](Observer* self, bool demanded) { return demanded && self->Free(); });
-  const auto c = Make('c', 3, 100, refuse);
-  EXPECT_EQ(MemoryReclaimer::RunPass(), 600);
-  EXPECT_EQ(log_, "abcAB");
+  const auto a = Make('a', 1, 200, refuse);
+  const auto b = Make('b', 2, 300, [](Observer* self, bool demanded) { return demanded && self->Free(); });
+  const auto c = Make('c', 3, 600, refuse);
+  EXPECT_EQ(MemoryReclaimer::RunPass(), 300);
+  EXPECT_EQ(log_, "abcAB") << "c is not demanded from: 800 are within the budget";
   log_.clear();
   pump_.Drain();
   EXPECT_EQ(log_, "") << "below the budget by now";

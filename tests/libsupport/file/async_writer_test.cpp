@@ -162,6 +162,18 @@ TEST_F(AsyncWriterTest, AJobThatIsTakenBackPutsNothingOverNewerBytes) {
   EXPECT_EQ(verdict_->failed.size(), 2);
   EXPECT_TRUE(dropped->job_finished() && finished->job_finished());
   destroyed = nullptr;
+
+  const RefPtr<Writer> running = Make(path, QByteArray(3 * kSlice, 'r'));
+  const struct TakesBack : IJobContinuator {
+    explicit TakesBack(Writer* job) : writer(job) {}
+    bool MayContinue(const AbstractJob*) const override {
+      writer->SetRemoved();
+      return true;
+    }
+    Writer* const writer;
+  } takes_back(running.get());
+  EXPECT_EQ(running->Run(takes_back, nullptr), AbstractJob::kFinished);
+  EXPECT_FALSE(running->succeeded());
   EXPECT_EQ(Read(path), "new");
   EXPECT_EQ(Names(folder_.path()), QStringList(QStringLiteral("qxTemp_1.kmz")));
 }

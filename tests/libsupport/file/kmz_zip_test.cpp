@@ -147,12 +147,16 @@ TEST(KmzZipTest, ADamagedEntryGivesNothingAndLeavesTheOthersReadable) {
     const char* says;
     ZipEntry entry;
   } cases[] = {
-      {"wrong CRC", changed([](ZipEntry* e) { e->crc_error = 1; })},
-      {"wrong CRC, stored", changed([](ZipEntry* e) { e->deflated = false, e->crc_error = 1; })},
+      {"wrong CRC", changed([](ZipEntry* e) { e->crc_of = "other"; })},
+      {"wrong CRC, stored", changed([](ZipEntry* e) { e->deflated = false, e->crc_of = "other"; })},
       {"encrypted", changed([](ZipEntry* e) { e->flags = 1; })},
       {"unknown method", changed([](ZipEntry* e) { e->method = 9; })},
       {"bzip2, which minizip may know", changed([](ZipEntry* e) { e->method = 12; })},
       {"states less than it unfolds to", changed([](ZipEntry* e) { e->size_error = -1; })},
+      {"states less, and the CRC of that part", changed([&](ZipEntry* e) {
+         e->size_error = -1;
+         e->crc_of = content.chopped(1);
+       })},
       {"states nothing", changed([&](ZipEntry* e) { e->size_error = -content.size(); })},
       {"states more than it unfolds to", changed([](ZipEntry* e) { e->size_error = 1; })},
       {"states more than deflate can make of it", changed([](ZipEntry* e) { e->size_error = 200 << 20; })},

@@ -49,9 +49,9 @@ void ZipMaker::Add(const ZipEntry& entry) {
   const QByteArray bytes = entry.deflated ? Deflate(entry.content) : entry.content;
   const auto packed = static_cast<quint64>(bytes.size() + entry.packed_error);
   const auto size = static_cast<quint64>(entry.content.size() + entry.size_error);
-  const quint32 crc = static_cast<quint32>(crc32(0, reinterpret_cast<const Bytef*>(entry.content.constData()),
-                                                 static_cast<uInt>(entry.content.size()))) ^
-                      entry.crc_error;
+  const QByteArray& checked = entry.crc_of.isEmpty() ? entry.content : entry.crc_of;
+  const auto crc = static_cast<quint32>(
+      crc32(0, reinterpret_cast<const Bytef*>(checked.constData()), static_cast<uInt>(checked.size())));
   const int offset = local_.size();
 
   Append<quint32>(&local_, 0x04034B50);

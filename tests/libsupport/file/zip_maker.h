@@ -14,7 +14,7 @@ struct ZipEntry {
   quint16 flags = 0;
   bool descriptor = false;  // sizes and CRC behind the bytes, zeros in front of them
   bool zip64 = false;       // sizes in 64 bits
-  quint32 crc_error = 0;    // XORed to the CRC
+  QByteArray crc_of;        // what the CRC is that of, if not of the content
   qint64 size_error = 0;    // added to the stated unpacked size
   qint64 packed_error = 0;  // added to the stated packed size
 };

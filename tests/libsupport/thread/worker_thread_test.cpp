@@ -109,20 +109,23 @@ TEST(WorkerThreadTest, TheDestructorCancelsWhatWaitsAndJoinsWhatRuns) {
   const Watchdog watchdog(60, "end of a worker");
   Job::s_destroyed = 0;
   const Gate entered;
+  const Gate queued;
   std::atomic<bool> ended{false};
   bool ran = false;
   {
     WorkerThread worker("test");
     RefPtr<Job>(new Job(&worker, [&](Job* self) {
       entered.Open();
+      EXPECT_TRUE(queued.Wait());
       EXPECT_TRUE(SpinUntil([&] { return worker.GetQueueLength() == 0; }))
           << "the destructor takes the rest away";
       RefPtr<Job>(new Job(&worker, [&](Job*) { ran = true; }))->AddToQueue(&worker);
       EXPECT_EQ(self->getRefCount(), 1) << "that of the thread";
       ended = true;
     }))->AddToQueue(&worker);
-    RefPtr<Job>(new Job(&worker, [&](Job*) { ran = true; }))->AddToQueue(&worker);
     ASSERT_TRUE(entered.Wait());
+    RefPtr<Job>(new Job(&worker, [&](Job*) { ran = true; }))->AddToQueue(&worker);
+    queued.Open();
   }
   EXPECT_TRUE(ended);
   EXPECT_FALSE(ran);
