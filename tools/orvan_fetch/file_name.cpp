@@ -80,7 +80,7 @@ QString FreeNames::PathFor(const QString& name) {
   while (true) {
     const QString numbered =
         ++number == 1 ? name : name.left(ending_at) + QStringLiteral("-%1").arg(number) + name.mid(ending_at);
-    const QString path = directory_.filePath(numbered);
+    QString path = directory_.filePath(numbered);
     // A link that leads nowhere is taken too: writing to it would make a file somewhere else.
     if (!QFileInfo::exists(path) && !QFileInfo(path).isSymLink()) return path;
   }

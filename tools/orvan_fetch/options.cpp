@@ -134,7 +134,7 @@ QString ReadList(const QString& name, QStringList* urls) {
 QString TakeUrls(const Arguments& arguments, Options* options) {
   options->urls = Texts(arguments.urls);
   if (!arguments.list_file.empty()) {
-    const QString problem = ReadList(Text(arguments.list_file), &options->urls);
+    QString problem = ReadList(Text(arguments.list_file), &options->urls);
     if (!problem.isEmpty()) return problem;
   }
   if (options->urls.isEmpty()) return QStringLiteral("no URL to fetch");

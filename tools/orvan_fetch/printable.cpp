@@ -53,7 +53,11 @@ QString ByteCount(double bytes) {
   if (bytes < 1024) return QStringLiteral("%1 bytes").arg(bytes, 0, 'f', 0);
   const char* const kUnits[] = {"KiB", "MiB", "GiB", "TiB"};
   size_t unit = 0;
-  for (bytes /= 1024; bytes >= 1024 && unit + 1 < std::size(kUnits); bytes /= 1024) ++unit;
+  bytes /= 1024;
+  while (bytes >= 1024 && unit + 1 < std::size(kUnits)) {
+    bytes /= 1024;
+    ++unit;
+  }
   return QStringLiteral("%1 %2").arg(bytes, 0, 'f', 1).arg(QLatin1String(kUnits[unit]));
 }
 
