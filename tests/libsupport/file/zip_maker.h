@@ -12,11 +12,11 @@ struct ZipEntry {
   bool deflated = true;
   quint16 method = 0xFFFF;  // what is stated instead of 0 or 8
   quint16 flags = 0;
-  bool descriptor = false;  // sizes and CRC behind the bytes, zeros in front of them
-  bool zip64 = false;       // sizes in 64 bits
-  QByteArray crc_of;        // what the CRC is that of, if not of the content
-  qint64 size_error = 0;    // added to the stated unpacked size
-  qint64 packed_error = 0;  // added to the stated packed size
+  bool descriptor = false;           // sizes and CRC behind the bytes, zeros in front of them
+  bool zip64 = false;                // sizes in 64 bits
+  QByteArray crc_of = QByteArray();  // what the CRC is that of, if not of the content
+  qint64 size_error = 0;             // added to the stated unpacked size
+  qint64 packed_error = 0;           // added to the stated packed size
 };
 
 // Writes zip archives byte by byte, as no well-behaved writer would.
