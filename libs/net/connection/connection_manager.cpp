@@ -442,8 +442,6 @@ void ConnectionManager::Private::CreateEnqueueRequestLocked(ConnectionRefCounter
     }
     // Later, and on the main thread: nobody expects a result before EnqueueRequest() has returned.
     PostDone(request.get());
-  } else if (active.count(request->ticket_) == 0) {
-    DetachLocked(request.get());  // it was cancelled from within, maybe before it had an HttpRequest
   }
   pair->connection_ = counter;
   cache->RefreshOrAddConnection(counter);
@@ -462,6 +460,8 @@ unsigned int ConnectionManager::Private::SendLocked(HttpConnection* connection, 
   return connection->EnqueueRequest(http, manager, request);
 }
 
+// A hook may cancel the request that is being sent: that it gets its callback only afterwards does no harm,
+// because the detaching comes behind the unlock of the pass that sends it.
 void ConnectionManager::Private::DetachLocked(NetworkRequest* request) {
   if (HttpRequest* const http = request->GetHttpRequest()) aftermath.detached.push_back({request, http});
 }
