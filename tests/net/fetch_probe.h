@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <atomic>
 
 #include "orvan/net/fetcher.h"
 #include "orvan/support/thread/system.h"
@@ -38,7 +39,8 @@ class FetchProbe {
   net::FetchState state = net::kFetchNone;  // as the callback saw it
   QByteArray bytes;
   bool on_main_thread = false;
-  bool in_fetch = false;
+  // Of the starting thread: on another one the callback may come while that is still inside fetch().
+  std::atomic<bool> in_fetch{false};
   bool called_in_fetch = false;
   void (*in_callback)(FetchProbe&, net::Fetcher&) = nullptr;
 

@@ -118,7 +118,8 @@ void StartStopDrop(unsigned seed, int operations, const Servers& servers, const 
     }
     const size_t which = dice() % held.size();
     if (what < 7) {
-      const auto [fetcher, flight] = held[which];
+      const RefPtr<Fetcher> fetcher = held[which].first;
+      Flight* const flight = held[which].second;
       main_thread.ExecuteAsync(
           [fetcher, flight] {
             fetcher->Stop();
