@@ -19,8 +19,8 @@ TEST(QtTransportCancelTest, ACancelledRequestEndsWithoutAConnection) {
   LoopbackServer server;
   server.On("/before-head", Script().Silent());
   server.On("/mid-body", Script()
-                             .Send("HTTP/1.1 200 OK\r\nContent-Length: 2097152\r\n\r\n")
-                             .Endless(1 << 20)
+                             .Send("HTTP/1.1 200 OK\r\nContent-Length: 8388608\r\n\r\n")
+                             .Endless(1 << 22)
                              .Signal(half_sent)
                              .Silent());
   Transport transport(server.port());
@@ -65,8 +65,8 @@ TEST(QtTransportTeardownTest, RequestsInFlightVanish) {
   LoopbackServer server;
   server.On("/silent", Script().Silent());
   server.On("/mid-body", Script()
-                             .Send("HTTP/1.1 200 OK\r\nContent-Length: 2097152\r\n\r\n")
-                             .Endless(1 << 20)
+                             .Send("HTTP/1.1 200 OK\r\nContent-Length: 8388608\r\n\r\n")
+                             .Endless(1 << 22)
                              .Signal(half_sent)
                              .Silent());
   const auto expect_vanished = [](const Exchange& exchange) {
@@ -137,7 +137,7 @@ TEST(QtTransportStressTest, EveryRequestEndsOnceOrVanishesWithItsConnection) {
   LoopbackServer server;
   server.KeepRequests(0);
   server.On("/quick", Ok("ok"));
-  server.On("/long", Reply(200, {}, std::string(200 * 1024, 'x')));
+  server.On("/long", Reply(200, {}, std::string(3 << 20, 'x')));
   server.On("/silent", Script().Silent());
   server.AddRedirects("/hop", 2, Ok("end"));
   static const char* const kPaths[] = {"/quick", "/long", "/silent", "/hop/0", "/missing"};
