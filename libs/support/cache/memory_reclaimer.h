@@ -19,7 +19,7 @@ class CacheObserver;
 // Threads: any; passes run on the main thread.
 class ORVAN_SUPPORT_EXPORT MemoryReclaimer {
  public:
-  static constexpr qint64 kDefaultBudget = 256 * 1024 * 1024;
+  static constexpr qint64 kDefaultBudget = qint64{256} * 1024 * 1024;
 
   static void SetBudget(qint64 bytes);
   static qint64 GetBudget();
