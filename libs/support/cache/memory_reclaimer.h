@@ -12,8 +12,9 @@ class CacheObserver;
 //
 // When the total rises above the budget, one pass is queued on the main thread. It goes through the
 // reclaimable observers from the longest unused on, asks each until the total is down to three quarters of
-// the budget, and if it is still above the budget demands from each. Every observer is offered once in each
-// half of a pass. What is in use or not reclaimable stays, so the budget is a goal and not a limit.
+// the budget, and demands from each for as long as it is still above the budget. Every observer is offered
+// once in each half of a pass. What is in use or not reclaimable stays, so the budget is a goal and not a
+// limit.
 //
 // Units:   bytes.
 // Threads: any; passes run on the main thread.
