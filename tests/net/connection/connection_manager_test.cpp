@@ -5,6 +5,7 @@
 
 #include "tests/net/connection/connection_fixture.h"
 #include "tests/support/wait.h"
+#include "tests/support/watchdog.h"
 
 namespace orvan::test {
 namespace {
@@ -326,6 +327,7 @@ TEST_F(ConnectionManagerTest, ARequestKeepsTheOwnerOfItsCallback) {
    private:
     std::function<void()> at_end_;
   };
+  const Watchdog watchdog(60, "the end of a request's owner");
   int ended = 0;
   auto* const owner = new Owner([this, &ended] {
     auto other = std::async(std::launch::async, [this] { Send(Text("b"), Text("/from the end")); });
