@@ -11,7 +11,6 @@
 namespace orvan::test {
 
 using net::HttpConnection;
-using net::HttpConnectionFactory;
 using net::HttpRequest;
 using net::ServerInfo;
 

@@ -130,7 +130,8 @@ TEST_F(ConnectionManagerTest, EachWaitingRequestEvictsOne) {
 TEST_F(ConnectionManagerTest, APlaceThatTheDeleterFreesWakesTheOneThatWaits) {
   class EnqueueJob : public AbstractJob {
    public:
-    explicit EnqueueJob(std::function<void()> function) : AbstractJob(0, QString()), function_(function) {}
+    explicit EnqueueJob(std::function<void()> function)
+        : AbstractJob(0, QString()), function_(std::move(function)) {}
     int Run(const IJobContinuator&, IJobContainer*) override {
       function_();
       return kFinished;

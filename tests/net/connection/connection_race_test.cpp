@@ -113,6 +113,7 @@ TEST_P(ConnectionStressTest, FourThreadsEnqueueCancelAndComplete) {
       }
     };
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     std::atomic<int> running{kThreads};
     for (int i = 0; i < kThreads; ++i) {
       threads.emplace_back([&, i] {
