@@ -57,7 +57,7 @@ void AddHeaderLine(const QString& line, QNetworkRequest* wire, QList<QNetworkCoo
   wire->setRawHeader(name, value);
 
   // Not a slip: only the beginning of the name is compared, so "Cookie2" and "Cookie-Note" feed the jar as
-  // well, and "cookie" does not. HeaderLinesTest holds this in place.
+  // well, and "cookie" does not. ACookieLineGoesOutWholeAndFeedsTheJar holds this in place.
   if (name.startsWith(kCookieName)) AddPairs(value, jar_cookies);
   // Otherwise Qt would send what the jar has for the URL in place of this line, and drop parts without "=".
   if (name.compare(kCookieName, Qt::CaseInsensitive) == 0) {

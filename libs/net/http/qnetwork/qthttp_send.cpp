@@ -16,8 +16,6 @@ bool HasOperation(HttpMethod method) {
   return method == kHttpGet || method == kHttpPost || method == kHttpPut || method == kHttpDelete;
 }
 
-bool SendsBody(HttpMethod method) { return method == kHttpPost || method == kHttpPut; }
-
 void FeedJar(const QList<QNetworkCookie>& cookies, const QUrl& url) {
   if (!cookies.isEmpty()) CookieJar::SetCookieFromUrl(cookies, url);
 }
@@ -27,6 +25,7 @@ void FeedJar(const QList<QNetworkCookie>& cookies, const QUrl& url) {
 unsigned int QtHttpConnection::EnqueueRequest(HttpRequest* request, HttpRequest::Callback* callback,
                                               void* data) {
   auto* const qt_request = static_cast<QtHttpRequest*>(request);
+  if (qt_request->phase_ != QtHttpRequest::kIdle) return kStatusFailed;  // the exchange under way goes on
   request->SetCallback(callback, data);
   (void)DoPreSendRequest(request);  // a hook's false stops later hooks, and not the request
   if (!HasOperation(request->GetMethodType()) || !QCoreApplication::instance()) {
@@ -66,7 +65,7 @@ void QtHttpConnection::PrepareForWire(QtHttpRequest* request) const {
   FeedJar(jar_cookies, wire.url());
 
   const HeapBuffer* const body = request->GetRequestBuffer();
-  request->request_body_ = body && SendsBody(request->GetMethodType()) ? body->ToQByteArray() : QByteArray();
+  request->request_body_ = body ? body->ToQByteArray() : QByteArray();  // GET and DELETE leave it unsent
   request->network_request_ = wire;
   request->jar_cookies_ = jar_cookies;
 }

@@ -1,11 +1,10 @@
 // Cancelling, and taking a connection apart: at every moment, on every thread.
 
-#include <QEvent>
+#include <array>
 #include <atomic>
 #include <memory>
 #include <random>
 #include <thread>
-#include <vector>
 
 #include "tests/net/http/qnetwork/transport_probe.h"
 #include "tests/support/loopback_server.h"
@@ -37,6 +36,7 @@ TEST(QtTransportCancelTest, ACancelledRequestEndsWithoutAConnection) {
   cancel(at_once);
   Exchange waiting(transport, "/before-head");
   ASSERT_EQ(waiting.Send(), kStatusOk);
+  EXPECT_EQ(waiting.Send(), kStatusFailed) << "it is in flight already";
   ASSERT_TRUE(server.WaitForHits("/before-head", 1));
   cancel(waiting);
   // Its status of 200 is known by then, and must not make a success of it.
@@ -70,6 +70,7 @@ TEST(QtTransportTeardownTest, RequestsInFlightVanish) {
                              .Signal(half_sent)
                              .Silent());
   const auto expect_vanished = [](const Exchange& exchange) {
+    exchange->Cancel();  // of no effect, and of no harm, when the connection has gone
     EXPECT_FALSE(exchange.IsDone());
     EXPECT_EQ(exchange.status(), 0u);
     EXPECT_EQ(exchange->getRefCount(), 1);
@@ -146,9 +147,9 @@ TEST(QtTransportStressTest, EveryRequestEndsOnceOrVanishesWithItsConnection) {
     std::mt19937 dice(seed);
     for (int round = 0; round < 25; ++round) {
       Transport transport(server.port());
-      std::vector<std::unique_ptr<Exchange>> exchanges;
-      for (int i = 0; i < 12; ++i) {
-        exchanges.push_back(std::make_unique<Exchange>(transport, kPaths[dice() % 5]));
+      std::array<std::unique_ptr<Exchange>, 12> exchanges;
+      for (auto& exchange : exchanges) {
+        exchange = std::make_unique<Exchange>(transport, kPaths[dice() % 5]);
       }
       const size_t cancel_every = 1 + dice() % 3;
       std::atomic<size_t> sent{0};
@@ -172,8 +173,8 @@ TEST(QtTransportStressTest, EveryRequestEndsOnceOrVanishesWithItsConnection) {
       for (const auto& exchange : exchanges) EXPECT_EQ((*exchange)->getRefCount(), 1);
     }
   };
-  std::vector<std::thread> threads;
-  for (unsigned int seed = 1; seed <= 4; ++seed) threads.emplace_back(run, seed);
+  std::array<std::thread, 4> threads;
+  for (unsigned int seed = 0; seed < threads.size(); ++seed) threads[seed] = std::thread(run, seed);
   for (std::thread& thread : threads) thread.join();
 }
 
