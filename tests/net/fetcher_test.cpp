@@ -16,6 +16,7 @@
 #include "orvan/support/thread/worker_thread.h"
 #include "tests/net/fetch_probe.h"
 #include "tests/support/loopback_server.h"
+#include "tests/support/scripted_transport.h"
 #include "tests/support/wait.h"
 #include "tests/support/watchdog.h"
 
@@ -160,6 +161,49 @@ TEST_F(FetcherTest, TellsEachAnswerOfAServerByItsCode) {
   FetchProbe refused;
   Run(refused, nobody.Url());
   EXPECT_EQ(refused.state, kFetchNoConnection);
+}
+
+struct WordCase {
+  const char* says;
+  unsigned int word;
+  FetchState state;
+};
+
+TEST_F(FetcherTest, EndsInTheStateOfItsStatusWord) {
+  const WordCase cases[] = {
+      {"success", kStatusOk, kFetchSuccess},
+      {"no exchange", kStatusNoConnection, kFetchNoConnection},
+      {"failed", kStatusFailed, kFetchInvalidRequest},
+      {"aborted", kStatusAborted, kFetchInvalidRequest},
+      {"no such host", kStatusBadHost, kFetchInvalidServer},
+      {"cancelled", kStatusCancelled, kFetchCancelled},
+      {"a word of other transports", kStatusUnspecified, kFetchUnspecified},
+      {"a media type that nobody asked for", kStatusUnacceptableType, kFetchUnexpectedType},
+      {"no memory has no state of its own", kStatusOutOfMemory, kFetchUnknownError},
+      {"HTTP 201", kStatusHttpFacility | 201, kFetchSuccess},
+      {"an HTTP error word with a good code", kStatusHttpError | 200, kFetchSuccess},
+      {"HTTP 204 has no bytes", kStatusHttpFacility | 204, 204},
+      {"HTTP 304", kStatusHttpFacility | 304, 304},
+      {"HTTP 100", kStatusHttpFacility | 100, 100},
+      {"HTTP 505", kStatusHttpError | 505, 505},
+      {"an HTTP error beyond the known codes", kStatusHttpError | 506, kFetchUnknownError},
+      {"an unknown HTTP code that is no error", kStatusHttpFacility | 506, kFetchSuccess},
+      {"another facility without an error", 0x40010001, kFetchSuccess},
+      {"another facility's error", 0xC0010001, kFetchUnknownError},
+  };
+  test::ScriptedTransport transport;
+  for (const WordCase& row : cases) {
+    SCOPED_TRACE(row.says);
+    transport.AnswerAll(
+        {row.word, "body", {"last-modified: never", "", "Last-Modified:then", "Last-Modified:later"}});
+    FetchProbe probe;
+    Run(probe, "http://scripted.test/a");
+    EXPECT_EQ(probe.state, row.state);
+    EXPECT_EQ(probe.bytes, row.state == kFetchSuccess ? QByteArray("body") : QByteArray());
+    EXPECT_EQ(probe.fetcher->GetLastModified(), QString("then")) << "the first match, whatever the result";
+  }
+  Shutdown();  // before the transport goes
+  Init(QString(), QString());
 }
 
 TEST_F(FetcherTest, ReadsALocalFileOnlyIfItIsNewer) {
