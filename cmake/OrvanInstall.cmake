@@ -2,6 +2,7 @@
 # and a pkg-config file.
 include(CMakePackageConfigHelpers)
 
+target_compile_features(orvan_support PUBLIC cxx_std_17)
 # Each finds what it needs beside itself, wherever the prefix ends up.
 set_target_properties(orvan_support orvan_net PROPERTIES INSTALL_RPATH "$ORIGIN")
 install(TARGETS orvan_support orvan_net EXPORT OrvanNetTargets

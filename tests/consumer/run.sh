@@ -35,7 +35,7 @@ while read -r header; do complain "$header is neither installed nor internal"; d
 # Only what pkg-config names is on the path; Qt's headers are not judged.
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 read -ra flags < <(pkg-config --cflags orvan-net | sed 's,-I/usr/,-isystem /usr/,g')
-compile_alone() {  # <compiler> <header>: in both orders of keywords, and twice, for its guard
+compile_alone() {  # <compiler> <header> <flags...>: the header twice, for its guard
   printf '#include "%s"\n#include "%s"\n' "$2" "$2" |
     "$1" -std=c++17 -fPIC -fsyntax-only -Wall -Wextra -Wpedantic -Werror "${@:3}" -x c++ -
 }
@@ -49,15 +49,17 @@ done
 
 echo "-- find_package(OrvanNet)"
 cp -r "$here/project" "$work/project"
-cmake -S "$work/project" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$compiler" \
-  -DCMAKE_BUILD_TYPE="$type" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" >"$work/log" 2>&1 &&
-  cmake --build "$work/cmake" >>"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
-"$work/cmake/consumer" "$work/project/consumer.cpp" || complain "the consumer of the CMake package fails"
+{
+  cmake -S "$work/project" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_BUILD_TYPE="$type" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" &&
+  cmake --build "$work/cmake"
+} >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
+timeout 60 "$work/cmake/consumer" "$work/project/consumer.cpp" || complain "the consumer of the CMake package fails"
 
 echo "-- pkg-config orvan-net"
 read -ra libraries < <(pkg-config --libs orvan-net)
 "$compiler" -std=c++17 -fPIC -Wall -Wextra -Werror "$work/project/consumer.cpp" "${flags[@]}" "${libraries[@]}" \
   -Wl,-rpath,"$(pkg-config --variable=libdir orvan-net)" -o "$work/twin"
-"$work/twin" "$work/project/consumer.cpp" || complain "the consumer of the pkg-config file fails"
+timeout 60 "$work/twin" "$work/project/consumer.cpp" || complain "the consumer of the pkg-config file fails"
 
 exit $failed
