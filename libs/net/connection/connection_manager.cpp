@@ -2,6 +2,7 @@
 
 #include <QUrl>
 #include <algorithm>
+#include <atomic>
 #include <unordered_map>
 #include <vector>
 
@@ -22,6 +23,10 @@ namespace {
 
 constexpr double kConnectTimeoutSeconds = 15.0;
 constexpr double kFinalLifetimeFactor = 5.0;
+
+// The number of the newest request. One for all managers: a caller may cancel a request of an earlier manager,
+// which must not be taken for one of its successor.
+std::atomic<quint64> s_last_ticket{0};
 
 void ApplyHeaders(const mmvector<RequestHeader>& headers, HttpRequest* http) {
   // The results are dropped: a line that an HttpRequest refuses is not sent, and the others are.
@@ -160,7 +165,6 @@ struct ConnectionManager::Private {
   bool closing ORVAN_GUARDED_BY(lock) = false;
   bool in_pass ORVAN_GUARDED_BY(lock) = false;
   bool again ORVAN_GUARDED_BY(lock) = false;  // a pass was asked for during a pass
-  quint64 last_ticket ORVAN_GUARDED_BY(lock) = 0;
   mmvector<Connection> connections ORVAN_GUARDED_BY(lock){HeapManager::GetStaticHeap()};
   WaitingRequests outstanding ORVAN_GUARDED_BY(lock);
   Pairs active ORVAN_GUARDED_BY(lock);
@@ -268,7 +272,7 @@ RefPtr<NetworkRequest> ConnectionManager::EnqueueRequest(const ServerInfo& serve
   HeapManager* const heap = HeapManager::GetTransientHeap();
   RefPtr<NetworkRequest> request = new (heap) NetworkRequest(server, info);
   Private::Scope scope(*d_);
-  request->ticket_ = ++d_->last_ticket;
+  request->ticket_ = ++s_last_ticket;
   d_->outstanding.Append(request->ticket_, new (heap) ConnectionRequestPair(nullptr, request.get()));
   ProcessOutstandingRequests();
   return request;

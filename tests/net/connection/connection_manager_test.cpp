@@ -189,6 +189,15 @@ TEST_F(ConnectionManagerTest, CancelEndsARequestInEveryState) {
   EXPECT_EQ(manager->GetActiveCount() + manager->GetOutstandingCount(), 0);
 }
 
+// A fetch that outlives a restart of the library cancels its request at the manager that is there now.
+TEST_F(ConnectionManagerTest, CancellingARequestOfAnEarlierManagerLeavesTheOthersAlone) {
+  const auto earlier = Send(QStringLiteral("a"), QStringLiteral("/earlier"));
+  MakeManager(4, true);
+  const auto later = Send(QStringLiteral("a"), QStringLiteral("/later"));
+  manager->CancelRequest(earlier.get());
+  EXPECT_EQ(manager->GetActiveCount(), 1);
+}
+
 TEST_F(ConnectionManagerTest, ACallbackMayCancelAndEnqueue) {
   bool first = true;
   recorder.inside = [&](NetworkRequest* request) {
