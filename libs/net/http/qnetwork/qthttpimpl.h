@@ -86,6 +86,7 @@ class ORVAN_NET_EXPORT QtHttpWorkerThread : public QThread {
 //            and body: Authorization and Cookie lines go to whatever host the server names, from https to
 //            http too. Only http and https are followed: a server must not make a request read, or with PUT
 //            write, a local file. Targets are taken as they stand, so a relative one ends in an error.
+//            No time-out is set, and nothing limits a body but the memory domain: Cancel() is the caller's.
 // Threads:   EnqueueRequest() runs the hooks and prepares everything on the caller's thread, then returns;
 //            no thread, least of all the main one, ever waits for the worker, but for the one that destroys
 //            the connection, and that one only for local work. Slots run on the worker. A connection costs
@@ -111,6 +112,7 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
 
   HttpRequest* CreateRequest(HttpMethod method, const QString& url, void* owner_data) override;
   using HttpConnection::EnqueueRequest;
+  // `request` comes from CreateRequest() of this connection. Refused while it is in flight.
   unsigned int EnqueueRequest(HttpRequest* request, HttpRequest::Callback* callback, void* data) override;
   // Always kStatusFailed: only the enqueue route exists.
   unsigned int SendRequest(HttpRequest* request) override;
@@ -160,8 +162,8 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   // Behind a pointer, because a connection destroyed on its own worker cannot wait for that thread.
   std::unique_ptr<QtHttpWorkerThread> worker_thread_;
   QNetworkAccessManager network_manager_;  // moves between threads as a child of this object
-  QHash<QNetworkReply*, QtHttpRequest*>
-      replies_;                  // in flight; worker only; no references, see AppendAsyncRequest
+  // In flight. Worker only, hence no lock; no references, those are the base's (AppendAsyncRequest()).
+  QHash<QNetworkReply*, QtHttpRequest*> replies_;
   const QString base_url_;       // scheme, encoded host, and the port if it is not the default one
   const QByteArray user_agent_;  // over the request's own line, unless empty
 };
