@@ -20,7 +20,7 @@ namespace {
 // Guards the making, use and end of Fetcher::s_connection_manager_. After a fetch's start_lock_, before every
 // lock of the manager.
 SpinLock s_manager_lock;
-// True between Shutdown() and the next Init(): a fetch that the worker thread starts in between must not
+// True between CloseNetwork() and the next Init(): a fetch that the worker thread starts in between must not
 // bring the manager, and with it connections and threads, back to life.
 bool s_shut_down ORVAN_GUARDED_BY(s_manager_lock) = false;
 
@@ -402,13 +402,18 @@ void Fetcher::InitConnectionManager() {
   if (!s_connection_manager_) s_connection_manager_ = new ConnectionManager(4, 4, true, 60.0, 30, 60000);
 }
 
+void Fetcher::CloseNetwork() {
+  SpinLockGuard guard(s_manager_lock);
+  s_shut_down = true;
+}
+
 void Fetcher::Shutdown() {
+  CloseNetwork();
   delete default_factory_;
   default_factory_ = nullptr;
   ConnectionManager* manager = nullptr;
   {
     SpinLockGuard guard(s_manager_lock);
-    s_shut_down = true;
     std::swap(manager, s_connection_manager_);
   }
   delete manager;

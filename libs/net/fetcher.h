@@ -53,6 +53,8 @@ class ORVAN_NET_EXPORT FetchStore {
 // Ownership: counted. An unfinished fetch keeps itself alive: a caller may drop its RefPtr at once. The
 // result
 //            stays readable for as long as somebody holds a RefPtr.
+//            SetCallback(nullptr) ends that, but not the work: stop such a fetch before its last RefPtr goes
+//            on another thread than the main one.
 // Errors:    every failure arrives as the final state, through the callback.
 // Life:      made by fetch(), runs once, ends by callback or by Stop().
 class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
@@ -122,6 +124,8 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   // Start and stop; called by net::Init() and net::Shutdown().
   static void Init();
   static void Shutdown();
+  // Waits for a request that is just being handed over, and lets no fetch ask the network until Init().
+  static void CloseNetwork();
   static void InitConnectionManager();
   // Lends the worker thread for asynchronous starts and extraction; null takes it back. Not owned.
   static void SetWorkerThread(WorkerThread* worker);

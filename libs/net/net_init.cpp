@@ -20,6 +20,8 @@ void Init(const QString& cache_path, const QString& cookie_path) {
 }
 
 void Shutdown() {
+  // First: an asynchronous start may be making a connection at this moment, with the factory that goes next.
+  Fetcher::CloseNetwork();
   HttpConnectionFactory::shutdown();
   Fetcher::Shutdown();
 }

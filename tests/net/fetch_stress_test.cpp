@@ -197,6 +197,8 @@ TEST(FetchStressTest, ShutsDownWithAHundredInFlight) {
   const test::Watchdog watchdog(900, "shutting down with fetches in flight");
   const int rounds = FromEnvironment("ORVAN_SHUTDOWN_ROUNDS", 200);
   const Servers servers(6);
+  WorkerThread worker("shutdown worker");  // starts fetches while the library stops
+  Fetcher::SetWorkerThread(&worker);
   std::mt19937 dice(1);
   int threads_before = 0;
   for (int round = 0; round <= rounds; ++round) {
@@ -204,6 +206,7 @@ TEST(FetchStressTest, ShutsDownWithAHundredInFlight) {
     Init(QString(), QString());
     std::vector<test::FetchProbe> probes(100);
     for (test::FetchProbe& probe : probes) {
+      probe.params.async = dice() % 2 == 0;
       probe.Start(servers.Url(static_cast<unsigned>(dice()), dice() % 3 == 0 ? "/silent" : "/ok"));
     }
     const int enough = static_cast<int>(dice() % 40);
@@ -219,6 +222,7 @@ TEST(FetchStressTest, ShutsDownWithAHundredInFlight) {
     }
   }
   EXPECT_TRUE(PumpUntil([&] { return test::CountThreads() <= threads_before; }));
+  Fetcher::SetWorkerThread(nullptr);
 }
 
 TEST(FetchStressTest, ServesTenThousandQueuedAtOnce) {

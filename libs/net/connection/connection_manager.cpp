@@ -24,8 +24,8 @@ namespace {
 constexpr double kConnectTimeoutSeconds = 15.0;
 constexpr double kFinalLifetimeFactor = 5.0;
 
-// The number of the newest request. One for all managers: a caller may cancel a request of an earlier manager,
-// which must not be taken for one of its successor.
+// The number of the newest request. One for all managers: a caller may cancel a request of an earlier
+// manager, which must not be taken for one of its successor.
 std::atomic<quint64> s_last_ticket{0};
 
 void ApplyHeaders(const mmvector<RequestHeader>& headers, HttpRequest* http) {

@@ -28,8 +28,8 @@ class RequestDoneJob;
 //            on the main thread, or on the connection's callback thread if completions are not deferred.
 // Locks:     one, re-entrant, over everything. Callbacks run without it, and so does what may wait or may run
 //            foreign code: detaching and cancelling a request, the end of a request, the end of a connection.
-//            All of that is put off to the end of the outermost operation on its thread. Hooks do run under
-//            the lock; they may enqueue and cancel nevertheless.
+//            All of that is put off to the end of the outermost operation on its thread. Pre-send hooks do
+//            run under the lock: one that enqueues or cancels here all the same is survived.
 // Ownership: a connection lives while a request or the cache holds its ConnectionRefCounter. The destructor
 //            waits for callbacks that run on other threads; nobody else may be inside an operation by then.
 //            A callback may destroy its manager, as the last use of it.
