@@ -38,6 +38,7 @@ void QtHttpConnection::LeaveWorker() {
       gate_->Post({SendGate::Verb::kLeave, nullptr, QThread::currentThread(), ticket})) {
     while (QCoreApplication::instance()) {
       if (ticket->WaitFor(kLookMs)) return;
+      gate_->Wake();  // between two application objects the event may have been lost
     }
   }
   // Without an application object no event reaches the worker. It has to end first; then everything on it may

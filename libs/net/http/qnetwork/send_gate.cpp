@@ -45,18 +45,21 @@ bool SendGate::Post(Command command) {
   port::MutexGuard guard(mutex_);
   if (!receiver_) return false;
   inbox_.push_back(std::move(command));
-  if (!wake_posted_) {
-    wake_posted_ = true;
-    // Under the mutex, because Close() is what keeps the receiver alive until here. Qt takes only the lock of
-    // its event queue for this, and calls nobody.
-    QCoreApplication::postEvent(receiver_, new WakeEvent);
-  }
+  WakeLocked();
   return true;
 }
 
+void SendGate::Wake() {
+  port::MutexGuard guard(mutex_);
+  if (receiver_) WakeLocked();
+}
+
+// Under the mutex, because Close() is what keeps the receiver alive until here. Qt takes only the lock of its
+// event queue for this, and calls nobody.
+void SendGate::WakeLocked() { QCoreApplication::postEvent(receiver_, new WakeEvent); }
+
 size_t SendGate::BeginPass() {
   port::MutexGuard guard(mutex_);
-  wake_posted_ = false;
   return inbox_.size();
 }
 

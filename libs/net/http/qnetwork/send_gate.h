@@ -32,8 +32,9 @@ class GateTicket {
 
 // The way from any thread to the worker of one connection. Internal.
 //
-// Shape:     a queue of commands, served in the order of their arrival, and one event for the worker's
-//            loop per pile: it is posted when the first command comes in after the worker began a pass.
+// Shape:     a queue of commands, served in the order of their arrival, and one event for the worker's loop
+//            with each. Qt throws events away while there is no application object, so none of them is
+//            relied upon: the next one to arrive serves all that came before it.
 // Threads:   Post() on any thread, also under locks, and it waits for nobody. All else on the worker, or on
 //            the thread that destroys the connection once the worker has ended. The mutex carries
 //            everything that a command hands over, so nothing relies on locks inside Qt.
@@ -73,7 +74,10 @@ class SendGate {
 
   bool Post(Command command);
 
-  // Begins a pass and returns how many commands belong to it; what comes in later wakes the worker again.
+  // Posts an event without a command, for what an event that was lost has left behind.
+  void Wake();
+
+  // How many commands belong to a pass that begins now; what comes in later wakes the worker again.
   size_t BeginPass();
   // Takes the first command; false if there is none. One at a time, so that a nested event loop may begin a
   // pass of its own and the order stays.
@@ -82,10 +86,11 @@ class SendGate {
   void Close();
 
  private:
+  void WakeLocked() ORVAN_REQUIRES(mutex_);
+
   port::MutexPosix mutex_;                      // a leaf, apart from Qt's event queue
   QObject* receiver_ ORVAN_GUARDED_BY(mutex_);  // not owned; null once closed
   std::deque<Command> inbox_ ORVAN_GUARDED_BY(mutex_);
-  bool wake_posted_ ORVAN_GUARDED_BY(mutex_) = false;  // since the last BeginPass()
 };
 
 }  // namespace orvan::net

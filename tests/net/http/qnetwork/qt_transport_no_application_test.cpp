@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <QEvent>
 #include <memory>
 
 #include "tests/net/http/qnetwork/transport_probe.h"
@@ -22,6 +23,16 @@ namespace {
 int g_argc = 1;
 char g_name[] = "test";
 char* g_argv[] = {g_name, nullptr};
+
+// Tells when it is destroyed.
+class LastWord : public QEvent {
+ public:
+  explicit LastWord(Gate* gate) : QEvent(QEvent::User), gate_(gate) {}
+  ~LastWord() override { gate_->Open(); }
+
+ private:
+  Gate* const gate_;
+};
 
 // In one test, because the order matters.
 TEST(QtTransportNoApplicationTest, NothingIsSentAndNobodyWaits) {
@@ -54,6 +65,24 @@ TEST(QtTransportNoApplicationTest, NothingIsSentAndNobodyWaits) {
   EXPECT_FALSE(silent.IsDone());
   EXPECT_EQ(silent->getRefCount(), 1);
   early.Dispose();
+
+  // The worker throws away what would wake it for the cancellation, and the next application finds it awake
+  // nevertheless.
+  application = std::make_unique<QCoreApplication>(g_argc, g_argv);
+  Transport lasting(server.port());
+  Exchange cancelled(lasting, "/silent");
+  ASSERT_EQ(cancelled.Send(), kStatusOk);
+  ASSERT_TRUE(server.WaitForHits("/silent", 2));
+  application.reset();
+  cancelled->Cancel();
+  Gate thrown_away;
+  QCoreApplication::postEvent(lasting.get(), new LastWord(&thrown_away));
+  ASSERT_TRUE(thrown_away.Wait());
+  application = std::make_unique<QCoreApplication>(g_argc, g_argv);
+  Exchange again(lasting, "/");
+  EXPECT_TRUE(again.Run());
+  EXPECT_TRUE(cancelled.Wait());
+  lasting.Dispose();
 }
 
 }  // namespace
