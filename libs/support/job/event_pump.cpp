@@ -332,6 +332,7 @@ void EventPump::Private::PostWakeUp() {
 }
 
 void EventPump::Private::WokenUp() {
+  ArmReceiver();  // first: what runs now may run an event loop of its own, in which timers are due as well
   Drain(false);
   FireDue();
   ArmReceiver();
@@ -506,6 +507,7 @@ void EventPump::Private::FireDue() {
       due = TakeDueLocked(now, end, &running);
     }
     if (!due) return;
+    ArmReceiver();    // for the others, as in WokenUp()
     due->dispatch();  // the timer may be dead now
     port::MutexGuard guard(mutex_);
     LeaveLocked(&running);

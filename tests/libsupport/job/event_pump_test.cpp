@@ -360,6 +360,22 @@ TEST(TimerTest, ATimerIsNotFiredInsideItself) {
   EXPECT_TRUE(PumpUntil([&] { return fired >= 3; }));
 }
 
+// A dialog that a call opens must not hold up the timers of others.
+TEST(TimerTest, TimersFireInTheLocalEventLoopOfACallAndOfAnotherTimer) {
+  bool fired_in_call = false, fired_in_fire = false;
+  Alarm first([&] { fired_in_call = true; }), second([&] { fired_in_fire = true; });
+  bool in_call = false, in_fire = false;
+  Alarm host([&] { in_fire = PumpUntil([&] { return fired_in_fire; }); });
+  first.Start(1, true);
+  EventPump::Get().PostFunction([&] { in_call = PumpUntil([&] { return fired_in_call; }); });
+  EXPECT_TRUE(PumpUntil([&] { return in_call || fired_in_call; }));
+  EXPECT_TRUE(in_call);
+  host.Start(1, true);
+  second.Start(20, true);
+  EXPECT_TRUE(PumpUntil([&] { return in_fire || fired_in_fire; }));
+  EXPECT_TRUE(in_fire);
+}
+
 TEST(TimerTest, TheDestructorWaitsForAFireOnAnotherThread) {
   DestroyWhileItRuns<Alarm>([](Alarm& alarm) { alarm.Start(0, true); });
 }
