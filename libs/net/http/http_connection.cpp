@@ -180,7 +180,10 @@ unsigned int HttpConnection::ProcessRequest(HttpRequest* request) {
 }
 
 unsigned int HttpConnection::EnqueueRequest(HttpRequest* request, std::function<void()> function) {
-  // The request owns the callback, so the function also goes if it never runs.
+  // The request owns the callback, so the function also goes if it never runs. One of an earlier enqueue
+  // stays until the request has let go of it: it may be running, or about to, if the request is still in
+  // flight.
+  const std::unique_ptr<HttpRequest::Callback> earlier = std::move(request->bound_callback_);
   request->bound_callback_.reset(new (HeapManager::GetDynamicHeap())
                                      BindRequestCallback(std::move(function)));
   const unsigned int status = EnqueueRequest(request, request->bound_callback_.get(), nullptr);
