@@ -174,7 +174,7 @@ unsigned int HttpConnection::ProcessRequest(HttpRequest* request) {
   if (status == kStatusOk) callback.Wait();
   // Neither a transport that refused, nor the thread that is still inside Post(), may keep hold of an object
   // on this stack.
-  request->SetCallback(nullptr, nullptr);
+  request->ClearCallback(&callback);
   if (status != kStatusOk) return status;
   return request->IsAcceptableResponseContentType() ? request->GetResponseStatus() : kStatusUnacceptableType;
 }
@@ -183,13 +183,13 @@ unsigned int HttpConnection::EnqueueRequest(HttpRequest* request, std::function<
   // The request owns the callback, so the function also goes if it never runs. One of an earlier enqueue
   // stays until the request has let go of it: it may be running, or about to, if the request is still in
   // flight.
-  const std::unique_ptr<HttpRequest::Callback> earlier = std::move(request->bound_callback_);
+  std::unique_ptr<HttpRequest::Callback> earlier = std::move(request->bound_callback_);
   request->bound_callback_.reset(new (HeapManager::GetDynamicHeap())
                                      BindRequestCallback(std::move(function)));
   const unsigned int status = EnqueueRequest(request, request->bound_callback_.get(), nullptr);
   if (status != kStatusOk) {
-    request->SetCallback(nullptr, nullptr);
-    request->bound_callback_.reset();
+    request->ClearCallback(request->bound_callback_.get());
+    request->bound_callback_ = std::move(earlier);  // of an exchange under way, which goes on
   }
   return status;
 }

@@ -143,6 +143,13 @@ void HttpRequest::SetCallback(Callback* callback, void* data) {
   callback_data_ = data;
 }
 
+void HttpRequest::ClearCallback(const Callback* callback) {
+  SpinLockGuard guard(callback_lock_);
+  if (callback_ != callback) return;
+  callback_ = nullptr;
+  callback_data_ = nullptr;
+}
+
 int HttpRequest::InvokeCallback() {
   // callback_lock_ stays taken across the call: that is how SetCallback() waits for a running callback.
   SpinLockGuard guard(callback_lock_);

@@ -107,6 +107,9 @@ class ORVAN_NET_EXPORT HttpRequest : public DLink {
   // Sets the receiver. Waits while a callback of this request runs on another thread, so that after
   // SetCallback(nullptr, nullptr) none is running and none will start. `callback` is not owned.
   void SetCallback(Callback* callback, void* data);
+  // Takes `callback` away if it is the one that is set, and waits like SetCallback(). One that an exchange
+  // under way has set stays.
+  void ClearCallback(const Callback* callback);
   // Calls the callback, if there is one, and returns its result, else 0. The callback stays set.
   int InvokeCallback();
 

@@ -25,16 +25,18 @@ void FeedJar(const QList<QNetworkCookie>& cookies, const QUrl& url) {
 unsigned int QtHttpConnection::EnqueueRequest(HttpRequest* request, HttpRequest::Callback* callback,
                                               void* data) {
   auto* const qt_request = static_cast<QtHttpRequest*>(request);
-  if (qt_request->phase_ != QtHttpRequest::kIdle) return kStatusFailed;  // the exchange under way goes on
-  request->SetCallback(callback, data);
-  (void)DoPreSendRequest(request);  // a hook's false stops later hooks, and not the request
-  if (!HasOperation(request->GetMethodType()) || !QCoreApplication::instance()) {
-    request->SetResponseStatus(kStatusFailed);
+  // A request of another connection would be cancelled through that one's worker. One that is in flight goes
+  // on undisturbed. From here on Cancel() leaves its mark, which the worker finds when it comes to send.
+  int idle = QtHttpRequest::kIdle;
+  if (qt_request->gate_ != gate_ ||
+      !qt_request->phase_.compare_exchange_strong(idle, QtHttpRequest::kInFlight)) {
     return kStatusFailed;
   }
+  request->SetCallback(callback, data);
+  (void)DoPreSendRequest(request);  // a hook's false stops later hooks, and not the request
+  if (!HasOperation(request->GetMethodType()) || !QCoreApplication::instance()) return Refuse(qt_request);
 
   PrepareForWire(qt_request);
-  qt_request->phase_ = QtHttpRequest::kInFlight;
   AppendAsyncRequest(request);
   if (QThread::currentThread() == worker_thread_.get()) {
     SendRequestSlot(qt_request);
@@ -46,7 +48,11 @@ unsigned int QtHttpConnection::EnqueueRequest(HttpRequest* request, HttpRequest:
     return kStatusOk;
   }
   RemoveAsyncRequest(request);
-  qt_request->phase_ = QtHttpRequest::kIdle;
+  return Refuse(qt_request);
+}
+
+unsigned int QtHttpConnection::Refuse(QtHttpRequest* request) {
+  request->phase_ = QtHttpRequest::kIdle;
   request->SetResponseStatus(kStatusFailed);
   return kStatusFailed;
 }

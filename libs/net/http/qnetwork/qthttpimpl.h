@@ -136,6 +136,7 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
 
   // Caller's thread.
   void PrepareForWire(QtHttpRequest* request) const;
+  static unsigned int Refuse(QtHttpRequest* request);
 
   // Worker thread.
   // Returns the ticket of a thread that waits for this object to leave, or null.
