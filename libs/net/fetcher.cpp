@@ -12,6 +12,7 @@
 #include "orvan/net/http/http_connection_factory.h"
 #include "orvan/net/url_text.h"
 #include "orvan/support/text/text.h"
+#include "orvan/support/thread/system.h"
 
 namespace orvan::net {
 
@@ -103,6 +104,7 @@ RefPtr<Fetcher> Fetcher::fetch(const FetchParams& params, MemoryManager* manager
   FetcherFactory* const factory = override_factory_ ? override_factory_ : default_factory_;
   if (!factory) return nullptr;
   RefPtr<Fetcher> fetcher(factory->Create(params.url, params.callback, params.user_data, manager));
+  if (!fetcher) return nullptr;
   SpinLockGuard guard(fetcher->start_lock_);
   if (params.async && s_unzip_thread_) {
     fetcher->async_job_ = AsyncFetchJob::CreateAndQueue(fetcher.get(), params, s_unzip_thread_);
@@ -118,6 +120,16 @@ Fetcher::Fetcher(const QString& url, FetchCallback callback, void* user_data)
       user_data_(user_data),
       callback_(callback),
       self_ref_(this) {}
+
+// A fetch whose callback was taken away holds itself no more, and still gets its result: on the main thread,
+// which must not find it half destroyed by another one.
+void Fetcher::orphaned() const {
+  if (System::IsMainThread()) {
+    delete this;
+  } else {
+    MainThreadJobExecutor().ExecuteAsync([this] { delete this; }, "Fetcher::orphaned");
+  }
+}
 
 Fetcher::~Fetcher() {
   // First of all: in the base class it would be too late for a call that is just beginning.
@@ -223,9 +235,9 @@ void Fetcher::RequestDone(NetworkRequest*, void*) {
 }
 
 void Fetcher::Execute() {
-  // Not a slip: pins only a fetch that still holds itself. After Stop() the last reference may be going on
-  // another thread at this moment; its destructor waits for us in Withdraw(), and a new reference would
-  // revive a dying object.
+  // Not a slip: pins only a fetch that still holds itself. After Stop() the last reference may have gone on
+  // another thread, and the object waits behind us in this thread's queue for its end: a new reference would
+  // end it twice.
   const RefPtr<Fetcher> pin(self_ref_);
   Done();
 }

@@ -46,15 +46,11 @@ class ORVAN_NET_EXPORT FetchStore {
 // One download. Fetcher::fetch() takes a URL, a local path or a Qt resource path (":/..."), and calls back
 // once, on the main thread, when the bytes are there or the fetch has failed.
 //
-// Threads:   fetch() on any thread; Stop(), SetCallback() and the accessors on the main thread, and of those
-// that
-//            read a result none before the callback. The callback comes on the main thread, never inside
-//            fetch().
+// Threads:   fetch() on any thread; Stop(), SetCallback() and the accessors on the main thread, and no result
+//            is read before the callback, which comes on the main thread, never inside fetch(). References
+//            may be dropped on any thread.
 // Ownership: counted. An unfinished fetch keeps itself alive: a caller may drop its RefPtr at once. The
-// result
-//            stays readable for as long as somebody holds a RefPtr.
-//            SetCallback(nullptr) ends that, but not the work: stop such a fetch before its last RefPtr goes
-//            on another thread than the main one.
+//            result stays readable for as long as somebody holds a RefPtr.
 // Errors:    every failure arrives as the final state, through the callback.
 // Life:      made by fetch(), runs once, ends by callback or by Stop().
 class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
@@ -86,6 +82,9 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   Fetcher(const QString& url, FetchCallback callback, void* user_data);
   // A subclass that overrides DoFetch() calls Stop() first thing in its own destructor.
   ~Fetcher() override;
+  // The last reference may go on any thread: the object then dies on the main thread, where its results are
+  // made.
+  void orphaned() const override;
 
   virtual QByteArray GetByteArray() const;
   virtual const char* GetBytes() const;

@@ -163,6 +163,42 @@ TEST_F(FetcherTest, TellsEachAnswerOfAServerByItsCode) {
   EXPECT_EQ(refused.state, kFetchNoConnection);
 }
 
+TEST_F(FetcherTest, AStalledOrDrippingServerHoldsUpNobodyElse) {
+  const Gate release;
+  LoopbackServer other;
+  server_.On("/stalled",
+             test::Script().Send("HTTP/1.1 200 OK\r\nContent-Le").Stall(release).Send("ngth: 1\r\n\r\nx"));
+  server_.On("/drips", test::Script().Drip(test::Response(200, {}, std::string(40, 'd')), 3, 1));
+  server_.On("/quick", test::Ok("quick"));
+  other.On("/quick", test::Ok("quick"));
+  FetchProbe stalled, drips, beside, elsewhere;
+  stalled.Start(server_.Url("/stalled"));
+  ASSERT_TRUE(PumpUntil([&] { return server_.Hits("/stalled") == 1; }));
+  drips.Start(server_.Url("/drips"));
+  beside.Start(server_.Url("/quick"));
+  elsewhere.Start(other.Url("/quick"));
+  EXPECT_TRUE(PumpUntil([&] { return drips.calls + beside.calls + elsewhere.calls == 3; }));
+  EXPECT_EQ(drips.bytes, QByteArray(40, 'd'));
+  EXPECT_EQ(stalled.calls, 0);
+  release.Open();
+  EXPECT_TRUE(PumpUntil([&] { return stalled.calls == 1; }));
+  EXPECT_EQ(stalled.bytes, "x");
+}
+
+// Its result and its end meet on the main thread, whichever thread lets go of it.
+TEST_F(FetcherTest, MayBeLetGoOnAnyThreadOnceItsCallbackIsGone) {
+  server_.On("/a", test::Ok("a"));
+  const QString urls[] = {server_.Url("/a"), WriteFile("a.txt", "a")};
+  for (int i = 0; i < 100; ++i) {
+    FetchProbe probe;
+    probe.Start(urls[i % 2]);
+    probe.fetcher->SetCallback(nullptr);
+    std::thread dropper([held = std::move(probe.fetcher)]() mutable { held = nullptr; });
+    test::PumpPending();
+    dropper.join();
+  }
+}
+
 struct WordCase {
   const char* says;
   unsigned int word;
