@@ -49,12 +49,16 @@ done
 
 echo "-- find_package(OrvanNet)"
 cp -r "$here/project" "$work/project"
+sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$root/README.md" >"$work/project/first_program.cpp"
 {
   cmake -S "$work/project" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_BUILD_TYPE="$type" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" &&
   cmake --build "$work/cmake"
 } >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
 timeout 60 "$work/cmake/consumer" "$work/project/consumer.cpp" || complain "the consumer of the CMake package fails"
+
+timeout 60 "$work/cmake/first_program" "$work/project/consumer.cpp" 2>&1 | grep -q '^state 2, ' ||
+  complain "the first program of README.md does not fetch"
 
 echo "-- pkg-config orvan-net"
 read -ra libraries < <(pkg-config --libs orvan-net)
