@@ -22,9 +22,6 @@ class FetchProbe {
 
   FetchProbe& Start(const QString& url) {
     params.url = url;
-    return Start();
-  }
-  FetchProbe& Start() {
     params.callback = &FetchProbe::OnDone;
     params.user_data = this;
     in_fetch = true;
