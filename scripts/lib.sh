@@ -3,7 +3,7 @@
 # say, and all noise of apt, CMake and the compiler, goes to standard error: standard output is for results.
 
 # What building the two libraries takes, and what the tool takes beyond that.
-ORVAN_BUILD_PACKAGES=(g++ cmake ninja-build pkg-config qtbase5-dev qtkeychain-qt5-dev libboost-dev libminizip-dev zlib1g-dev)
+ORVAN_BUILD_PACKAGES=(g++ cmake ninja-build pkg-config qtbase5-dev qtkeychain-qt5-dev libboost-dev libminizip-dev libdeflate-dev zlib1g-dev)
 ORVAN_TOOL_PACKAGES=(libcli11-dev)
 # What the tests take: the frameworks, and the real servers that they start on free ports.
 ORVAN_TEST_PACKAGES=(libgtest-dev libgmock-dev nginx-light openssl python3 gunicorn python3-httpbin)

@@ -1,12 +1,16 @@
 #include "orvan/support/file/kmz_zip.h"
 
-#include <zlib.h>
+#include <libdeflate.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
-#include <QtEndian>
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstring>
 #include <limits>
+#include <memory>
+#include <optional>
 
 #include "orvan/support/file/memory_archive.h"
 
@@ -28,131 +32,77 @@ namespace {
 
 constexpr std::size_t kDefaultExtractionLimit = std::size_t{256} * 1024 * 1024;
 constexpr std::size_t kLongestArray = std::numeric_limits<int>::max() - 64;
-// The most that deflate can make of a byte, and what an output starts with.
-constexpr std::size_t kDeflateFactor = 1032;
-constexpr std::size_t kFirstStep = std::size_t{4} * 1024 * 1024;
+constexpr quint64 kDeflateFactor = 1032;  // the most that deflate can make of a byte
+constexpr std::size_t kHugePagesFrom = std::size_t{4} * 1024 * 1024;
 
-constexpr uLong kStored = 0;
-constexpr uLong kDeflated = 8;
-constexpr uLong kEncryptedFlag = 1;
-
-// Stands in a field of 32 bits whose value is in the extra field of this kind, in 64 bits.
-constexpr ZPOS64_T kIn64Bits = 0xFFFFFFFF;
-constexpr quint16 kZip64Extra = 1;
-constexpr int kExtraBufferBytes = 65535;  // the format has 16 bits for the length
+constexpr int kStored = 0;
+constexpr int kDeflated = 8;
+constexpr int kEncryptedFlag = 1;
 
 std::atomic<std::size_t> s_extraction_limit{kDefaultExtractionLimit};
 
-// The packed bytes of an entry, and what its archive states of them.
-struct PackedEntry {
-  const unsigned char* bytes = nullptr;
-  std::size_t size = 0;
-  uLong method = kStored;
-  std::size_t unpacked_size = 0;
-  uLong crc = 0;
+struct FreeDecompressor {
+  void operator()(libdeflate_decompressor* decompressor) const { libdeflate_free_decompressor(decompressor); }
 };
 
-// Replaces the sizes by those of 64 bits, if there are any. minizip would leave the markers in their place:
-// it looks for markers that are as wide as its own fields.
-bool ResolveSizes(unzFile handle, unz_file_info64* info) {
-  if (info->uncompressed_size != kIn64Bits && info->compressed_size != kIn64Bits) return true;
-  QByteArray buffer(kExtraBufferBytes, Qt::Uninitialized);
-  unz_file_info64 again;
-  if (unzGetCurrentFileInfo64(handle, &again, nullptr, 0, buffer.data(), kExtraBufferBytes, nullptr, 0) !=
-      UNZ_OK) {
-    return false;
-  }
-  const char* field = buffer.constData();
-  auto left = static_cast<int>(info->size_file_extra);
-  while (left >= 4) {
-    const auto kind = qFromLittleEndian<quint16>(field);
-    int length = qFromLittleEndian<quint16>(field + 2);
-    field += 4;
-    left -= 4;
-    if (length > left) return false;
-    if (kind != kZip64Extra) {
-      field += length;
-      left -= length;
-      continue;
-    }
-    for (ZPOS64_T* size : {&info->uncompressed_size, &info->compressed_size}) {
-      if (*size != kIn64Bits) continue;
-      if (length < 8) return false;
-      *size = qFromLittleEndian<quint64>(field);
-      field += 8;
-      length -= 8;
-    }
-    return true;
-  }
-  return false;
+// Every thread has one: its tables are dear to make anew for each small entry.
+libdeflate_decompressor* GetDecompressor() {
+  thread_local const std::unique_ptr<libdeflate_decompressor, FreeDecompressor> decompressor(
+      libdeflate_alloc_decompressor());
+  return decompressor.get();
 }
 
-// Finds the packed bytes of the handle's current entry. False unless they lie within the archive and are
-// something that Unpack() can handle, within the limit.
-bool LocateBytes(MemoryArchive* archive, unzFile handle, PackedEntry* entry) {
-  unz_file_info64 info;
-  if (unzGetCurrentFileInfo64(handle, &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK) return false;
-  if ((info.flag & kEncryptedFlag) != 0) return false;
-  if (info.compression_method != kStored && info.compression_method != kDeflated) return false;
-  if (!ResolveSizes(handle, &info)) return false;
-  if (info.uncompressed_size > std::min(GetExtractionLimit(), kLongestArray)) return false;
-
-  // Opening it "raw" makes minizip read the local header, which says where the bytes begin, and nothing else.
-  int method = 0;
-  if (unzOpenCurrentFile2(handle, &method, nullptr, 1) != UNZ_OK) return false;
-  const ZPOS64_T begin = unzGetCurrentFileZStreamPos64(handle);
-  unzCloseCurrentFile(handle);
-  if (begin > archive->size() || info.compressed_size > archive->size() - begin) return false;
-
-  *entry = {archive->bytes() + begin, info.compressed_size, info.compression_method, info.uncompressed_size,
-            info.crc};
-  return true;
+// Makes the pages of a large block few, before anyone touches them: page faults cost more than inflating.
+void AdviseHugePages(char* bytes, std::size_t size) {
+  if (size < kHugePagesFrom) return;
+  const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+  const auto begin = (reinterpret_cast<std::uintptr_t>(bytes) + page - 1) / page * page;
+  const auto end = (reinterpret_cast<std::uintptr_t>(bytes) + size) / page * page;
+  madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);  // only advice: it may fail
 }
 
-// Inflates into `out`, which has to become exactly as long as the entry states. The memory grows with what
-// really comes out, and never beyond the stated size.
-bool Inflate(const PackedEntry& entry, QByteArray* out) {
-  if (entry.unpacked_size > entry.size * kDeflateFactor) return false;
-  z_stream stream;
-  std::memset(&stream, 0, sizeof(stream));
-  if (inflateInit2(&stream, -MAX_WBITS) != Z_OK) return false;
-  stream.next_in =
-      const_cast<Bytef*>(entry.bytes);  // zlib's fields are not const, zlib leaves the bytes alone
-  stream.avail_in = static_cast<uInt>(std::min<std::size_t>(entry.size, std::numeric_limits<uInt>::max()));
-
-  int status = Z_OK;
-  Bytef surplus = 0;  // room for one byte more than stated: a stream that fills it is too long
-  while (status == Z_OK) {
-    const std::size_t done = stream.total_out;
-    if (done > entry.unpacked_size) break;
-    if (done == entry.unpacked_size) {
-      stream.next_out = &surplus;
-      stream.avail_out = 1;
-    } else {
-      const std::size_t room = std::min(entry.unpacked_size, std::max(kFirstStep, 2 * done));
-      out->reserve(static_cast<int>(room));
-      out->resize(static_cast<int>(room));
-      stream.next_out = reinterpret_cast<Bytef*>(out->data()) + done;
-      stream.avail_out = static_cast<uInt>(room - done);
-    }
-    status = inflate(&stream, Z_NO_FLUSH);
-  }
-  const bool complete = status == Z_STREAM_END && stream.total_out == entry.unpacked_size;
-  inflateEnd(&stream);
-  return complete;
+// Unpacks into `out`, which has to become exactly as long as the entry states. A lie costs address space,
+// which the limit and the factor bound, and no memory: the pages of the block are not touched before there
+// are bytes for them.
+bool Inflate(const unsigned char* packed, const ZipHeader& header, QByteArray* out) {
+  if (header.size > header.packed_size * kDeflateFactor) return false;
+  libdeflate_decompressor* const decompressor = GetDecompressor();
+  if (!decompressor) return false;
+  *out = QByteArray(static_cast<int>(header.size), Qt::Uninitialized);
+  AdviseHugePages(out->data(), header.size);
+  return libdeflate_deflate_decompress(decompressor, packed, header.packed_size, out->data(), header.size,
+                                       nullptr) == LIBDEFLATE_SUCCESS;
 }
 
-QByteArray Unpack(const PackedEntry& entry) {
-  QByteArray out;
-  if (entry.method == kDeflated) {
-    if (!Inflate(entry, &out)) return QByteArray();
+// False leaves anything in `out`.
+bool Unpack(const ZipDirectory& directory, const ZipHeader& header, QByteArray* out) {
+  if ((header.flags & kEncryptedFlag) != 0) return false;
+  if (header.size > std::min(GetExtractionLimit(), kLongestArray)) return false;
+  const unsigned char* const packed = directory.FindPackedBytes(header);
+  if (!packed) return false;
+  if (header.method == kDeflated) {
+    if (!Inflate(packed, header, out)) return false;
   } else {
-    if (entry.size != entry.unpacked_size) return QByteArray();
-    out = QByteArray(reinterpret_cast<const char*>(entry.bytes), static_cast<int>(entry.size));
+    if (header.method != kStored || header.packed_size != header.size) return false;
+    *out = QByteArray(reinterpret_cast<const char*>(packed), static_cast<int>(header.size));
   }
-  const uLong crc =
-      crc32_z(0, reinterpret_cast<const Bytef*>(out.constData()), static_cast<z_size_t>(out.size()));
-  return crc == entry.crc ? out : QByteArray();
+  return libdeflate_crc32(0, out->constData(), static_cast<std::size_t>(out->size())) == header.crc;
+}
+
+QByteArray UnzipAt(const ZipDirectory& directory, quint64 position, bool* ok) {
+  ZipHeader header;
+  QByteArray bytes;
+  *ok = directory.Read(position, &header) && Unpack(directory, header, &bytes);
+  return *ok ? bytes : QByteArray();
+}
+
+// 2-second steps since 1980 (APPNOTE 4.4.6).
+QDateTime ReadDosTime(quint32 fields) {
+  const auto bits = [fields](int from, int count) {
+    return static_cast<int>((fields >> from) & ((1U << count) - 1));
+  };
+  const QDate date(1980 + bits(25, 7), bits(21, 4), bits(16, 5));
+  return QDateTime(date, QTime(bits(11, 5), bits(5, 6), 2 * bits(0, 5)));
 }
 
 }  // namespace
@@ -161,24 +111,40 @@ bool IsKmzData(const unsigned char* bytes, int size) {
   return size >= 4 && std::memcmp(bytes, "PK\3\4", 4) == 0;
 }
 
+QSet<QString> FoldedNames(void* zip) {
+  MemoryArchive* const archive = MemoryArchive::Find(zip);
+  return archive ? archive->GetIndex().Names() : QSet<QString>();
+}
+
 QByteArray UnzipZFile(void* zip, const QString& entry) {
   MemoryArchive* const archive = MemoryArchive::Find(zip);
   if (!archive) return QByteArray();
   const EntryIndex& index = archive->GetIndex();
-  const QString name = entry.isEmpty() ? index.main_document : entry.toLower();
-  const auto found = index.positions.constFind(name);
-  if (name.isEmpty() || found == index.positions.constEnd()) return QByteArray();
-
-  PackedEntry packed;
-  if (unzGoToFilePos64(zip, &*found) != UNZ_OK || !LocateBytes(archive, zip, &packed)) return QByteArray();
-  return Unpack(packed);
+  const std::optional<quint64> position =
+      entry.isEmpty() ? index.FindMainDocument() : index.Find(entry.toLower());
+  bool ok = false;
+  return position ? UnzipAt(archive->directory(), *position, &ok) : QByteArray();
 }
 
-QStringList ListEntries(void* zip) {
-  QStringList names;
-  if (!MemoryArchive::Find(zip)) return names;
-  WalkEntries(zip, [&names](const QString& name) { names.append(name); });
-  return names;
+std::vector<ArchiveEntry> ListEntries(void* zip) {
+  std::vector<ArchiveEntry> entries;
+  const MemoryArchive* const archive = MemoryArchive::Find(zip);
+  if (!archive) return entries;
+  const ZipDirectory& directory = archive->directory();
+  ZipHeader header;
+  for (quint64 at = directory.begin(); directory.Read(at, &header); at = header.next) {
+    entries.push_back({header.Name(), header.size, header.packed_size, header.crc, header.method,
+                       (header.flags & kEncryptedFlag) != 0, ReadDosTime(header.dos_time), at});
+  }
+  return entries;
+}
+
+QByteArray UnzipEntry(void* zip, const ArchiveEntry& entry, bool* ok) {
+  bool ignored = false;
+  bool* const unpacked = ok ? ok : &ignored;
+  *unpacked = false;
+  const MemoryArchive* const archive = MemoryArchive::Find(zip);
+  return archive ? UnzipAt(archive->directory(), entry.position, unpacked) : QByteArray();
 }
 
 void SetExtractionLimit(std::size_t bytes) { s_extraction_limit.store(bytes, std::memory_order_relaxed); }

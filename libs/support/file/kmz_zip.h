@@ -1,14 +1,20 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDateTime>
+#include <QSet>
 #include <QString>
-#include <QStringList>
 #include <cstddef>
+#include <vector>
 
 #include "orvan/support/export.h"
 
-// Zip archives in memory (PKWARE APPNOTE), read through minizip. Handles are minizip's own (`unzFile`, a
-// void pointer), so unzGoToFirstFile and its neighbours work on them.
+// Zip archives in memory (PKWARE APPNOTE). Handles are minizip's own (`unzFile`, a void pointer), so
+// unzGoToFirstFile and its neighbours work on them. Everything in orvan::kmz reads the archive's bytes
+// itself; where it and minizip see different entries (minizip believes the stated count, and takes no offsets
+// of 64 bits), only what minizip's own calls tell differs.
+//
+// Threads: one at a time for each handle.
 
 namespace orvan {
 
@@ -33,17 +39,37 @@ namespace orvan::kmz {
 // True if the bytes begin like a zip archive with a local file in front: at least 4, "PK\3\4".
 ORVAN_SUPPORT_EXPORT bool IsKmzData(const unsigned char* bytes, int size);
 
+// The lower-cased names of all entries, each up to its first NUL: those that UnzipZFile() finds, and the
+// empty name if an entry has it. Made with the look-up by name in one walk, on the first call of either.
+ORVAN_SUPPORT_EXPORT QSet<QString> FoldedNames(void* zip);
+
 // The uncompressed bytes of an entry. Case does not matter; of several that match, the first wins. An empty
 // name asks for the main document: "doc.kml" at the root, else the first *.kml at the root, else the first
 // *.kml anywhere. Bytes are checked against size and CRC.
 //
-// Threads: one at a time for each handle.
-// Errors:  an empty array for a null handle, an absent or encrypted entry, a method other than stored (0)
-//          and deflated (8), more bytes than GetExtractionLimit(), or damage. Never partial data.
+// Errors: an empty array for a null handle, an absent or encrypted entry, a method other than stored (0)
+//         and deflated (8), more bytes than GetExtractionLimit(), or damage. Never partial data. Memory is
+//         used for what really comes out, whatever size the archive states.
 ORVAN_SUPPORT_EXPORT QByteArray UnzipZFile(void* zip, const QString& entry);
 
-// Names of all entries as they stand in the archive, in its order; not more than the archive really holds.
-ORVAN_SUPPORT_EXPORT QStringList ListEntries(void* zip);
+// One entry as the archive's directory states it, unchecked.
+struct ArchiveEntry {
+  QString name;  // up to its first NUL; any text, "../x", "/x" and "" included, so never use it as a path
+  quint64 size = 0;
+  quint64 packed_size = 0;
+  quint32 crc = 0;
+  int method = 0;  // 0 stored, 8 deflated
+  bool encrypted = false;
+  QDateTime modified;    // zip has no time zones: the fields as they stand; invalid if they are no date
+  quint64 position = 0;  // for UnzipEntry()
+};
+
+// All entries in the directory's order, those of equal names too; not more than the archive really holds.
+ORVAN_SUPPORT_EXPORT std::vector<ArchiveEntry> ListEntries(void* zip);
+
+// As UnzipZFile(), for an entry that ListEntries() told of this archive. `ok` (may be null) tells an empty
+// file, true, from a failure, false.
+ORVAN_SUPPORT_EXPORT QByteArray UnzipEntry(void* zip, const ArchiveEntry& entry, bool* ok);
 
 // Bytes that one entry may unfold to, 256 MiB unless set.
 ORVAN_SUPPORT_EXPORT void SetExtractionLimit(std::size_t bytes);

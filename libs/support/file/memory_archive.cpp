@@ -1,6 +1,5 @@
 #include "orvan/support/file/memory_archive.h"
 
-#include <QByteArray>
 #include <algorithm>
 #include <cstring>
 #include <unordered_map>
@@ -10,8 +9,7 @@
 namespace orvan::kmz {
 namespace {
 
-// The format has 16 bits for the length of a name; one more for the NUL that minizip adds if there is room.
-constexpr int kNameBufferBytes = 65535 + 1;
+constexpr int kMostNamesOfOneHash = 64;
 
 class Archives {
  public:
@@ -47,26 +45,44 @@ struct OpenRequest {
   MemoryArchive* opened;
 };
 
-EntryIndex MakeIndex(unzFile handle) {
-  EntryIndex index;
-  QString first_in_root;
-  QString first_anywhere;
-  WalkEntries(handle, [&](const QString& name) {
-    const QString folded = name.toLower();
-    unz64_file_pos position;
-    if (index.positions.contains(folded) || unzGetFilePos64(handle, &position) != UNZ_OK) return;
-    index.positions.insert(folded, position);
-    if (!folded.endsWith(QLatin1String(".kml"))) return;
-    if (first_anywhere.isNull()) first_anywhere = folded;
-    if (first_in_root.isNull() && !folded.contains(QLatin1Char('/'))) first_in_root = folded;
-  });
-  const QString usual = QStringLiteral("doc.kml");
-  index.main_document = first_in_root.isNull() ? first_anywhere : first_in_root;
-  if (index.positions.contains(usual)) index.main_document = usual;
-  return index;
+}  // namespace
+
+EntryIndex::EntryIndex(const ZipDirectory& directory)
+    : directory_(directory), seed_(static_cast<uint>(qGlobalQHashSeed())) {
+  std::optional<quint64> first_in_root;
+  std::optional<quint64> first_anywhere;
+  ZipHeader header;
+  for (quint64 at = directory.begin(); directory.Read(at, &header); at = header.next) {
+    const QString folded = header.FoldedName();
+    if (!Add(folded, at) || !folded.endsWith(QLatin1String(".kml"))) continue;
+    if (!first_anywhere) first_anywhere = at;
+    if (!first_in_root && !folded.contains(QLatin1Char('/'))) first_in_root = at;
+  }
+  main_document_ = Find(QStringLiteral("doc.kml"));
+  if (!main_document_) main_document_ = first_in_root ? first_in_root : first_anywhere;
 }
 
-}  // namespace
+std::optional<quint64> EntryIndex::Find(const QString& folded) const {
+  const uint hash = qHash(folded, seed_);
+  ZipHeader header;
+  for (auto it = positions_.constFind(hash); it != positions_.constEnd() && it.key() == hash; ++it) {
+    if (directory_.Read(*it, &header) && header.FoldedName() == folded) return *it;
+  }
+  return std::nullopt;
+}
+
+// False if an earlier entry has the name, or too many have its hash.
+bool EntryIndex::Add(const QString& folded, quint64 position) {
+  if (Find(folded)) return false;
+  // Not a slip: Qt's seed does not keep apart names of one length that were made to collide, neither here nor
+  // in the set. Without this bound they would cost a time that grows with the square of their number.
+  // KmzZipTest.NamesMadeToCollideCostNoMoreThanOthers holds this in place.
+  const uint hash = qHash(folded, seed_);
+  if (positions_.count(hash) >= kMostNamesOfOneHash) return false;
+  positions_.insert(hash, position);
+  names_.insert(folded);
+  return true;
+}
 
 struct MemoryArchive::Callbacks {
   static voidpf Open(voidpf opaque, const void*, int) {
@@ -131,20 +147,8 @@ unzFile MemoryArchive::Open(const MemoryFileFunctions& functions) {
 MemoryArchive* MemoryArchive::Find(unzFile handle) { return handle ? Archives::Get().Find(handle) : nullptr; }
 
 const EntryIndex& MemoryArchive::GetIndex() {
-  if (!index_) index_ = std::make_unique<EntryIndex>(MakeIndex(handle_));
+  if (!index_) index_ = std::make_unique<EntryIndex>(directory_);
   return *index_;
-}
-
-void WalkEntries(unzFile handle, const std::function<void(const QString& name)>& visit) {
-  // Bounded by the archive's size whatever count it states: each step moves forward by what an entry of the
-  // directory takes, and minizip stops where no such entry begins.
-  QByteArray name(kNameBufferBytes, Qt::Uninitialized);
-  for (int status = unzGoToFirstFile(handle); status == UNZ_OK; status = unzGoToNextFile(handle)) {
-    unz_file_info64 info;
-    status = unzGetCurrentFileInfo64(handle, &info, name.data(), kNameBufferBytes, nullptr, 0, nullptr, 0);
-    if (status != UNZ_OK) return;
-    visit(QString::fromUtf8(name.constData()));
-  }
 }
 
 }  // namespace orvan::kmz

@@ -2,22 +2,42 @@
 
 #include <unzip.h>
 
-#include <QHash>
+#include <QMultiHash>
+#include <QSet>
 #include <QString>
 #include <cstddef>
-#include <functional>
 #include <memory>
+#include <optional>
 
 #include "orvan/support/file/kmz_zip.h"
+#include "orvan/support/file/zip_directory.h"
 
 namespace orvan::kmz {
 
-// Where an archive has which entry. Names are folded to lower case; of several that are equal then, the
-// first one in the directory stands here.
-struct EntryIndex {
-  QHash<QString, unz64_file_pos> positions;
-  // Folded name of the main document; null if there is none.
-  QString main_document;
+// Where an archive has which entry, made in one walk over its directory. Names are folded to lower case; of
+// several that are equal then, the first one in the directory counts.
+//
+// Shape:  positions by the hash of the name. The names themselves stay in the archive's bytes, and in
+// Names(). Limits: of names that share one hash of 32 bits only the first 64 are found by name. Honest
+// archives never
+//         come near; one whose names were chosen to collide costs no more time than another.
+class EntryIndex {
+ public:
+  explicit EntryIndex(const ZipDirectory& directory);
+
+  // Position of the header in the directory.
+  std::optional<quint64> Find(const QString& folded) const;
+  std::optional<quint64> FindMainDocument() const { return main_document_; }
+  const QSet<QString>& Names() const { return names_; }
+
+ private:
+  bool Add(const QString& folded, quint64 position);
+
+  const ZipDirectory& directory_;
+  const uint seed_;
+  QMultiHash<uint, quint64> positions_;
+  std::optional<quint64> main_document_;
+  QSet<QString> names_;
 };
 
 // What minizip reads one archive through, and what is remembered for its handle: the stream behind the
@@ -32,25 +52,22 @@ class MemoryArchive {
   // Null for null and for a handle that Open() did not make or that is closed.
   static MemoryArchive* Find(unzFile handle);
 
-  const unsigned char* bytes() const { return bytes_; }
-  std::size_t size() const { return size_; }
+  const ZipDirectory& directory() const { return directory_; }
   // Made on the first call.
   const EntryIndex& GetIndex();
 
  private:
   struct Callbacks;
 
-  MemoryArchive(const MemoryFileFunctions& functions) : bytes_(functions.bytes), size_(functions.size) {}
+  explicit MemoryArchive(const MemoryFileFunctions& functions)
+      : bytes_(functions.bytes), size_(functions.size), directory_(bytes_, size_) {}
 
   const unsigned char* const bytes_;
   const std::size_t size_;
   std::size_t position_ = 0;  // where minizip reads next, at most size_
   unzFile handle_ = nullptr;
+  const ZipDirectory directory_;
   std::unique_ptr<EntryIndex> index_;
 };
-
-// Calls `visit` with the name of each entry, in the order of the directory; the entry is the handle's current
-// one then. Names are read as UTF-8 up to the first NUL.
-void WalkEntries(unzFile handle, const std::function<void(const QString& name)>& visit);
 
 }  // namespace orvan::kmz

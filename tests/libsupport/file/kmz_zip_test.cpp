@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unzip.h>
 
+#include <QStringList>
 #include <random>
 #include <vector>
 
@@ -28,7 +29,11 @@ class Archive {
 
   void* handle() const { return handle_; }
   QByteArray Read(const char* name) const { return UnzipZFile(handle_, QString::fromUtf8(name)); }
-  QStringList List() const { return ListEntries(handle_); }
+  QStringList List() const {
+    QStringList names;
+    for (const ArchiveEntry& entry : ListEntries(handle_)) names.append(entry.name);
+    return names;
+  }
 
  private:
   const std::vector<char> bytes_;
@@ -207,7 +212,7 @@ TEST(KmzZipTest, AFalseCountOfEntriesLeadsNowhere) {
   ZipMaker maker;
   maker.Add("a", "1");
   maker.Add("b", "2");
-  EXPECT_EQ(Archive(maker.Finish(1)).List(), QStringList({"a"}));
+  EXPECT_EQ(Archive(maker.Finish(1)).List(), QStringList({"a", "b"}));
   EXPECT_EQ(Archive(maker.Finish(50000)).List(), QStringList({"a", "b"}));
   EXPECT_EQ(Archive(maker.Finish(0xFFFF)).List(), QStringList({"a", "b"}));
 }
@@ -245,7 +250,7 @@ TEST(KmzZipTest, HandlesThatAreNullForeignOrClosedAnswerEmpty) {
   ASSERT_TRUE(mem_simple_create_file(&functions, "no archive", 10));
   EXPECT_EQ(unzAttach(functions), nullptr);
   EXPECT_TRUE(UnzipZFile(nullptr, QStringLiteral("a")).isEmpty());
-  EXPECT_TRUE(ListEntries(nullptr).isEmpty());
+  EXPECT_TRUE(ListEntries(nullptr).empty());
 
   ZipMaker maker;
   maker.Add("a", "old");
