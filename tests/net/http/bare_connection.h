@@ -1,20 +1,27 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
-#include <utility>
 
 #include "orvan/net/http/http_connection.h"
 #include "orvan/net/http/http_status.h"
-#include "tests/net/http/plain_request.h"
 
 namespace orvan::test {
+
+// A request without a transport.
+class PlainRequest : public net::HttpRequest {
+ public:
+  explicit PlainRequest(const QString& url = "/") : HttpRequest(net::kHttpGet, url, nullptr) { ++s_alive; }
+  ~PlainRequest() override { --s_alive; }
+  void Cancel() override {}
+  inline static std::atomic<int> s_alive{0};
+};
 
 // A connection that does nothing by itself: what it is given waits in its queue of requests in flight, or is
 // refused once the callback is already in the request.
 class BareConnection : public net::HttpConnection {
  public:
-  explicit BareConnection(const QString& host = QStringLiteral("host.example"), bool secure = false,
-                          int port = 80)
+  explicit BareConnection(const QString& host = "host.example", bool secure = false, int port = 80)
       : HttpConnection(host, secure, port, nullptr, QString(), 15.0, 15, 1) {}
   ~BareConnection() override {
     StopCallbacks();

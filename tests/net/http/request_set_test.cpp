@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/net/http/plain_request.h"
+#include "tests/net/http/bare_connection.h"
 
 namespace orvan::net {
 namespace {
