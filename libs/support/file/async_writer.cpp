@@ -27,6 +27,17 @@ bool MakePrivateDirectory(const QString& path) {
   return mkdir(QFile::encodeName(path).constData(), 0700) == 0 || errno == EEXIST;
 }
 
+// Whether the directory is this user's own, and not open to everybody: there a file might be exchanged before
+// it is read again. A link to such a directory will do if it is this user's own, too.
+bool IsPrivateDirectory(const QString& path) {
+  const QByteArray name = QFile::encodeName(path);
+  struct stat link {};
+  struct stat directory {};
+  if (lstat(name.constData(), &link) != 0 || link.st_uid != geteuid()) return false;
+  if (stat(name.constData(), &directory) != 0 || directory.st_uid != geteuid()) return false;
+  return S_ISDIR(directory.st_mode) && (directory.st_mode & S_IWOTH) == 0;
+}
+
 // "/dir/qxTemp_7.kmz" -> "/dir/qxTemp_7.<random>.kmz"
 QByteArray MakeSiblingName(const QFileInfo& target) {
   const QByteArray random = QByteArray::number(QRandomGenerator::system()->generate64(), 36);
@@ -38,9 +49,9 @@ QByteArray MakeSiblingName(const QFileInfo& target) {
 
 }  // namespace
 
-AsyncWriterJob::AsyncWriterJob(const QString& label, int, const QByteArray& data, QFile* file,
+AsyncWriterJob::AsyncWriterJob(const QString& label, int id, const QByteArray& data, QFile* file,
                                RefPtr<AbstractWriterCallback> callback)
-    : AbstractJob(0, label), target_(file), data_(data), callback_(std::move(callback)) {
+    : AbstractJob(0, label), id_(id), target_(file), data_(data), callback_(std::move(callback)) {
   Q_ASSERT(file && !file->isOpen());
 }
 
@@ -76,9 +87,11 @@ void AsyncWriterJob::CleanForRemoval() {
 void AsyncWriterJob::Tell(AbstractWriterCallback* callback) const {
   if (!callback) return;
   if (succeeded()) {
-    callback->OnWriteDone(target_->fileName());
+    callback->OnWriteComplete(id_);
   } else {
-    callback->OnWriteFailed(target_->fileName());
+    const auto error =
+        IsRemoved() ? AbstractWriterCallback::kTakenBack : AbstractWriterCallback::kCannotWrite;
+    callback->OnWriteError(id_, error, target_->fileName());
   }
 }
 
@@ -103,6 +116,7 @@ void AsyncWriterJob::EndLocked(bool success) {
 bool AsyncWriterJob::OpenSiblingLocked() {
   const QFileInfo target(target_->fileName());
   if (target.fileName().isEmpty() || !MakePrivateDirectory(target.path())) return false;
+  if (!IsPrivateDirectory(target.path())) return false;
   for (int attempt = 0; sibling_ < 0 && attempt < kNameAttempts; ++attempt) {
     sibling_name_ = MakeSiblingName(target);
     sibling_ = open(sibling_name_.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);

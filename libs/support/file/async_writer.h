@@ -12,19 +12,25 @@
 
 namespace orvan {
 
-// Hears how a write ended.
+// Hears how a write ended. `id` is what the writer was made with.
 class ORVAN_SUPPORT_EXPORT AbstractWriterCallback : public AtomicReferent {
  public:
+  enum WriteError {
+    kCannotWrite = 1,  // the directory is not ours, the disk is full, or something else went wrong
+    kTakenBack = 2,    // the job was removed before its end
+  };
+
   // The file stands complete under its name.
-  virtual void OnWriteDone(const QString& file_name) = 0;
+  virtual void OnWriteComplete(int id) = 0;
   // Nothing stands under the name that did not stand there before.
-  virtual void OnWriteFailed(const QString& file_name) = 0;
+  virtual void OnWriteError(int id, WriteError error, const QString& file_name) = 0;
 };
 
 // Writes bytes to a file, complete or not at all: into a sibling that is created exclusively (mode 0600,
 // following no link) and renamed over the target at the end. The parent directory is made on demand
-// (mode 0700). The sibling's name matches the same "qxTemp_*.kmz" pattern as the files of the archive cache
-// if the target's does, so whoever sweeps those also sweeps what a killed process left.
+// (mode 0700); one that is somebody else's, or that everybody may write to, is refused. The sibling's name
+// matches the same "qxTemp_*.kmz" pattern as the files of the archive cache if the target's does, so whoever
+// sweeps those also sweeps what a killed process left.
 //
 // Threads:   Run() on any thread, one call at a time through a lock of the job's own; each call writes slices
 //            of 256 KiB for as long as the continuator agrees.
@@ -32,8 +38,8 @@ class ORVAN_SUPPORT_EXPORT AbstractWriterCallback : public AtomicReferent {
 // Errors:    told to the callback. job_finished() is true after failure too.
 class ORVAN_SUPPORT_EXPORT AsyncWriterJob : public AbstractJob {
  public:
-  // `label` is the job's name and nothing else; the int means nothing.
-  AsyncWriterJob(const QString& label, int unused, const QByteArray& data, QFile* file,
+  // `label` is the job's name and nothing else; `id` comes back in the callback.
+  AsyncWriterJob(const QString& label, int id, const QByteArray& data, QFile* file,
                  RefPtr<AbstractWriterCallback> callback);
   ~AsyncWriterJob() override;
 
@@ -52,6 +58,7 @@ class ORVAN_SUPPORT_EXPORT AsyncWriterJob : public AbstractJob {
   bool FinishFileLocked() ORVAN_REQUIRES(lock_);
   void DropSiblingLocked() ORVAN_REQUIRES(lock_);
 
+  const int id_;
   const std::unique_ptr<QFile> target_;  // names the file, is never opened
   SpinLock lock_;                        // held while writing; a leaf
   QByteArray data_ ORVAN_GUARDED_BY(lock_);

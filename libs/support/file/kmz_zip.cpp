@@ -147,6 +147,10 @@ QByteArray UnzipEntry(void* zip, const ArchiveEntry& entry, bool* ok) {
   return archive ? UnzipAt(archive->directory(), entry.position, unpacked) : QByteArray();
 }
 
+void CloseZFile(void* zip) {
+  if (zip) unzClose(zip);
+}
+
 void SetExtractionLimit(std::size_t bytes) { s_extraction_limit.store(bytes, std::memory_order_relaxed); }
 
 std::size_t GetExtractionLimit() { return s_extraction_limit.load(std::memory_order_relaxed); }

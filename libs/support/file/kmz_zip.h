@@ -29,7 +29,7 @@ struct ORVAN_SUPPORT_EXPORT MemoryFileFunctions {
 ORVAN_SUPPORT_EXPORT bool mem_simple_create_file(MemoryFileFunctions* functions, const void* bytes,
                                                  std::size_t size);
 // Opens the archive; null if the bytes hold none. The record may go afterwards, the bytes may not.
-// The caller closes the handle with unzClose().
+// The caller closes the handle with unzClose(), or with kmz::CloseZFile().
 ORVAN_SUPPORT_EXPORT void* unzAttach(const MemoryFileFunctions& functions);
 
 }  // namespace orvan
@@ -70,6 +70,9 @@ ORVAN_SUPPORT_EXPORT std::vector<ArchiveEntry> ListEntries(void* zip);
 // As UnzipZFile(), for an entry that ListEntries() told of this archive. `ok` (may be null) tells an empty
 // file, true, from a failure, false.
 ORVAN_SUPPORT_EXPORT QByteArray UnzipEntry(void* zip, const ArchiveEntry& entry, bool* ok);
+
+// unzClose(), for callers that know nothing of minizip. Null does nothing.
+ORVAN_SUPPORT_EXPORT void CloseZFile(void* zip);
 
 // Bytes that one entry may unfold to, 256 MiB unless set.
 ORVAN_SUPPORT_EXPORT void SetExtractionLimit(std::size_t bytes);

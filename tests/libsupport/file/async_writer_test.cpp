@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QTemporaryDir>
+#include <QVector>
 #include <memory>
 
 #include "tests/support/manual_clock.h"
@@ -19,18 +20,19 @@ namespace {
 using test::CountingContinuator;
 
 constexpr int kSlice = 256 * 1024;
+constexpr int kId = 5;
 
 struct Verdict : AbstractWriterCallback {
-  void OnWriteDone(const QString& file_name) override { done << file_name; }
-  void OnWriteFailed(const QString& file_name) override { failed << file_name; }
-  QStringList done;
+  void OnWriteComplete(int id) override { done << id; }
+  void OnWriteError(int, WriteError, const QString& file_name) override { failed << file_name; }
+  QVector<int> done;
   QStringList failed;
 };
 
 class Writer : public AsyncWriterJob {
  public:
   Writer(const QString& path, const QByteArray& data, const RefPtr<Verdict>& verdict)
-      : AsyncWriterJob(QStringLiteral("test"), 0, data, new QFile(path),
+      : AsyncWriterJob(QStringLiteral("test"), kId, data, new QFile(path),
                        RefPtr<AbstractWriterCallback>(verdict)) {}
   using AbstractJob::SetRemoved;
 };
@@ -70,7 +72,7 @@ TEST_F(AsyncWriterTest, MakesFileAndFoldersForThisUserAlone) {
   EXPECT_EQ(Mode(path), 0600u);
   EXPECT_EQ(Mode(Path(QStringLiteral("a"))), 0700u);
   EXPECT_EQ(Mode(Path(QStringLiteral("a/b"))), 0700u);
-  EXPECT_EQ(verdict_->done, QStringList(path));
+  EXPECT_EQ(verdict_->done, QVector<int>({kId}));
   EXPECT_TRUE(job->job_finished() && job->succeeded());
   EXPECT_EQ(Run(job), AbstractJob::kFinished);
   EXPECT_EQ(verdict_->done.size(), 1) << "told once";
@@ -113,7 +115,10 @@ TEST_F(AsyncWriterTest, AFailureIsToldAndLeavesEverythingAsItWas) {
   const QString file = Path(QStringLiteral("file"));
   ASSERT_EQ(Run(Make(file, "old")), AbstractJob::kFinished);
   ASSERT_TRUE(QDir(folder_.path()).mkdir(QStringLiteral("folder")));
-  const QStringList paths = {file + QStringLiteral("/below"), Path(QStringLiteral("folder")), QString(),
+  const QString open_to_all = Path(QStringLiteral("folder"));
+  ASSERT_EQ(chmod(QFile::encodeName(open_to_all).constData(), 0777), 0);
+  const QStringList paths = {open_to_all + QStringLiteral("/in"),  file + QStringLiteral("/below"),
+                             Path(QStringLiteral("folder")),       QString(),
                              Path(QString(300, QLatin1Char('n'))), QStringLiteral("/proc/nowhere/file")};
   for (const QString& path : paths) {
     SCOPED_TRACE(path.toStdString());
