@@ -10,6 +10,8 @@
 #include "orvan/net/async_fetch_job.h"
 #include "orvan/net/connection/connection_manager.h"
 #include "orvan/net/http/http_connection_factory.h"
+#include "orvan/net/kmz_cache.h"
+#include "orvan/net/unzip_job.h"
 #include "orvan/net/url_text.h"
 #include "orvan/support/text/text.h"
 #include "orvan/support/thread/system.h"
@@ -137,6 +139,7 @@ Fetcher::~Fetcher() {
   Fetcher::Stop();
   self_ref_ = nullptr;
   async_job_ = nullptr;
+  unzip_job_ = nullptr;
   request_ = nullptr;
 }
 
@@ -187,36 +190,49 @@ int Fetcher::GetMimeType() const {
 void Fetcher::DoFetch(const FetchParams& params) {
   SpinLockGuard guard(start_lock_);
   StripAnchor(url_, &anchor_, &url_);
+  // What counts is what it leaves in the two strings: false with an archive in them means that one has to be
+  // fetched first.
+  static_cast<void>(FindInKmz(url_, kmz_url_, kmz_path_));
 
-  bool ask = true;
-  store_ = params.store;
-  if (store_) ask = !store_->Contains(QUrl(url_, QUrl::TolerantMode));
-  if (ask && AskNetwork(params)) return;
+  mmvector<RequestHeader> headers = params.headers;
+  if (MustAsk(params, &headers) && AskNetwork(params, &headers)) return;
 
-  // A local file, a URL that no connection serves, or something that the store has: the rest follows on the
-  // main thread, so that no callback ever comes inside fetch().
+  // A local file, a URL that no connection serves, or something that the cache or the store has: the rest
+  // follows on the main thread, so that no callback ever comes inside fetch().
   if_modified_since_.ParseHttpDate(params.if_modified_since);
   Timer::ExecuteAsync(*this);
 }
 
+// False if the cache or the store will do.
+bool Fetcher::MustAsk(const FetchParams& params, mmvector<RequestHeader>* headers) {
+  bool ask = true;
+  const RefPtr<KmzCacheEntry> entry = params.use_cache ? GetKmzCache()->Find(kmz_url_) : nullptr;
+  if (entry) {
+    ask = entry->NeedsFetch(!params.if_modified_since.isEmpty());
+    if (ask) EditToAcceptKMZ(*headers);
+  }
+  // Not a slip: the store overrules the cache.
+  store_ = params.store;
+  return store_ ? !store_->Contains(QUrl(url_, QUrl::TolerantMode)) : ask;
+}
+
 // False if the URL is none of the network's.
-bool Fetcher::AskNetwork(const FetchParams& params) {
-  fetch_url_ = url_;
+bool Fetcher::AskNetwork(const FetchParams& params, mmvector<RequestHeader>* headers) {
+  fetch_url_ = kmz_url_.isEmpty() ? url_ : kmz_url_;
   const QUrl url = ServerInfo::QUrlFromQString(fetch_url_);
   if (!ServerInfo::SupportedProtocol(url.scheme())) return false;
   const QString host = url.host(QUrl::FullyDecoded);
   if (host.isEmpty()) return false;
 
-  mmvector<RequestHeader> headers = params.headers;
   if (!params.if_modified_since.isEmpty()) {
-    headers.emplace_back(RequestHeader::kLine,
-                         QLatin1String("If-Modified-Since: ") + params.if_modified_since);
+    headers->emplace_back(RequestHeader::kLine,
+                          QLatin1String("If-Modified-Since: ") + params.if_modified_since);
   }
   ServerInfo server(host, url.port(-1), ServerInfo::IsSecure(url.scheme()));
   if (!params.user_agent.isEmpty()) server.set_user_agent(params.user_agent);
   server.set_match(params.match_time, params.match_id);
-  const NetworkRequest::Info info(TextFromBytes(url.toEncoded(QUrl::FullyEncoded)), headers, params.use_cache,
-                                  this, this);
+  const NetworkRequest::Info info(TextFromBytes(url.toEncoded(QUrl::FullyEncoded)), *headers,
+                                  params.use_cache, this, this);
 
   SpinLockGuard guard(
       s_manager_lock);  // after start_lock_; keeps Shutdown() from deleting the manager under us
@@ -253,14 +269,20 @@ void Fetcher::Done() {
     result = TakeResponse();
   } else if (!fetch_url_.isEmpty()) {
     result = TakeAnythingElse();
+  } else if (GetKmzCache()->Find(kmz_url_)) {
+    is_kmz_ = true;
+    result = kFetchSuccess;
   }
   result = ConsultStore(result);
 
-  if (callback_) {
-    ResetCallbackJob(new (HeapManager::GetTransientHeap()) InvokeCallbackJob(this, result));
-  } else {
+  if (!callback_) {
+    // Not a slip: nobody is told, so nothing is extracted; an archive stays in the result as it came.
     state_ = result;
     RemoveSelfRef();
+  } else if (is_kmz_ && result == kFetchSuccess) {
+    StartUnzip();
+  } else {
+    QueueCallback(result);
   }
 }
 
@@ -287,6 +309,7 @@ FetchState Fetcher::TakeStatus(unsigned int status, const HttpRequest& response)
   }
   const HeapBuffer* const body = response.GetResponseBuffer();
   SetByteArray(body ? body->ToQByteArray() : QByteArray());
+  if (body) is_kmz_ = HandleKmz();
   return kFetchSuccess;
 }
 
@@ -337,6 +360,7 @@ FetchState Fetcher::TakeLocalFile(const QString& file_name) {
   QFile file(file_name);
   if (!file.open(QIODevice::ReadOnly)) return StateOfOpenError(file.error());
   SetByteArray(file.readAll());
+  is_kmz_ = HandleKmz();
   return kFetchSuccess;
 }
 
@@ -352,6 +376,10 @@ FetchState Fetcher::ConsultStore(FetchState result) {
 
 // --- Delivery
 // ------------------------------------------------------------------------------------------------------
+
+void Fetcher::QueueCallback(FetchState state) {
+  ResetCallbackJob(new (HeapManager::GetTransientHeap()) InvokeCallbackJob(this, state));
+}
 
 void Fetcher::ResetCallbackJob(InvokeCallbackJob* job) {
   const RefPtr<InvokeCallbackJob> kept(job);
@@ -386,6 +414,7 @@ void Fetcher::Stop() {
     SpinLockGuard guard(s_manager_lock);
     if (s_connection_manager_) s_connection_manager_->CancelRequest(request_.get());
   }
+  CancelUnzipJob();
   store_ = nullptr;
   SetCallback(nullptr);
 }
@@ -393,6 +422,13 @@ void Fetcher::Stop() {
 void Fetcher::CancelAsyncJob() {
   RefPtr<AsyncFetchJob> job;
   job.swap(async_job_);
+  if (job) job->Cancel();
+}
+
+// Waits for an extraction under way.
+void Fetcher::CancelUnzipJob() {
+  RefPtr<UnzipJob> job;
+  job.swap(unzip_job_);
   if (job) job->Cancel();
 }
 
@@ -429,6 +465,7 @@ void Fetcher::Shutdown() {
     std::swap(manager, s_connection_manager_);
   }
   delete manager;
+  GetKmzCache()->CleanupCache();
 }
 
 void Fetcher::SetWorkerThread(WorkerThread* worker) { s_unzip_thread_ = worker; }

@@ -26,6 +26,9 @@ namespace orvan::net {
 class AsyncFetchJob;
 class ConnectionManager;
 class FetcherFactory;
+class FinishKmzJob;
+class KmzCache;
+class UnzipJob;
 
 // A store of fetched bytes that the application keeps. Implemented by the application.
 //
@@ -46,6 +49,9 @@ class ORVAN_NET_EXPORT FetchStore {
 // One download. Fetcher::fetch() takes a URL, a local path or a Qt resource path (":/..."), and calls back
 // once, on the main thread, when the bytes are there or the fetch has failed.
 //
+// Archives:  a URL or path may run through a KMZ archive ("http://server/a.kmz/images/b.png"), or be that of
+//            an archive that was fetched before, with a relative path behind it. The result is that file; for
+//            the archive itself, its main document. Archives stay in the KmzCache.
 // Threads:   fetch() on any thread; Stop(), SetCallback() and the accessors on the main thread, and no result
 //            is read before the callback, which comes on the main thread, never inside fetch(). References
 //            may be dropped on any thread.
@@ -105,7 +111,7 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   // Replaces the callback; null withdraws it for good.
   virtual void SetCallback(FetchCallback callback);
   virtual double GetExpireTime() const;  // the largest finite double if nobody said otherwise
-  virtual bool IsKmz() const;
+  virtual bool IsKmz() const;            // what came was an archive, or a file out of one
 
   // The steps of a fetch, for subclasses made by an override factory.
   virtual void Done();
@@ -120,13 +126,24 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   // The plain form of a file URL or an escaped URL.
   static QString SanitizeUrlString(const QString& url);
 
+  // Splits `url`, which has no anchor any more, into an archive and a path in it. True if the cache can serve
+  // that. False with `kmz_url` set: the archive has to be fetched.
+  static bool FindInKmz(const QString& url, QString& kmz_url, QString& kmz_path);
+  // A file out of a cached archive; empty if there is none. Extracts on the calling thread; any thread.
+  static QByteArray GetBytesFromKmz(const QString& kmz_url, const QString& kmz_path);
+  // The same, into a file: complete, or false and no file.
+  static bool WriteBytesFromKmzToFile(const QString& kmz_url, const QString& kmz_path,
+                                      const QString& file_name);
+  static KmzCache* GetKmzCache();
+
   // Start and stop; called by net::Init() and net::Shutdown().
   static void Init();
   static void Shutdown();
   // Waits for a request that is just being handed over, and lets no fetch ask the network until Init().
   static void CloseNetwork();
   static void InitConnectionManager();
-  // Lends the worker thread for asynchronous starts and extraction; null takes it back. Not owned.
+  // Lends the worker thread for asynchronous starts and extraction; null takes it back. Not owned; before it
+  // goes, the fetches that were started with it have to have ended, or been stopped.
   static void SetWorkerThread(WorkerThread* worker);
 
   // Written at start and stop, on the main thread.
@@ -141,16 +158,25 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
  private:
   class InvokeCallbackJob;
   friend class AsyncFetchJob;
+  friend class FinishKmzJob;
+  friend class UnzipJob;
 
-  bool AskNetwork(const FetchParams& params) ORVAN_REQUIRES(start_lock_);
+  bool MustAsk(const FetchParams& params, mmvector<RequestHeader>* headers) ORVAN_REQUIRES(start_lock_);
+  bool AskNetwork(const FetchParams& params, mmvector<RequestHeader>* headers) ORVAN_REQUIRES(start_lock_);
   FetchState TakeResponse();
   FetchState TakeStatus(unsigned int status, const HttpRequest& response);
   void ReadLastModified(const HttpRequest& response);
   FetchState TakeLocalFile(const QString& file_name);
   FetchState TakeAnythingElse();
   FetchState ConsultStore(FetchState result);
+  bool HandleKmz();
+  void StartUnzip();
+  QByteArray UnzipKmz();
+  void FinishKmz(const QByteArray& bytes);
   void CancelAsyncJob();
+  void CancelUnzipJob();
   void WaitForStart();
+  void QueueCallback(FetchState state);
   void ResetCallbackJob(InvokeCallbackJob* job);
   void InvokeCallback(FetchState state);
   void RemoveSelfRef();
@@ -164,6 +190,8 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   // main thread from then on.
   RefPtr<InvokeCallbackJob> callback_job_;  // the delivery that is queued
   QString url_;
+  QString kmz_url_;    // the archive that is read, if any
+  QString kmz_path_;   // the file in it; empty for its main document
   QString fetch_url_;  // what was asked for; empty if nothing was
   QString anchor_;
   QString last_modified_;
@@ -175,6 +203,7 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   bool is_kmz_ = false;
   FetchCallback callback_;
   RefPtr<NetworkRequest> request_;  // stays when the fetch has ended: the response's accessors read it
+  RefPtr<UnzipJob> unzip_job_;
   RefPtr<AsyncFetchJob> async_job_;
   RefPtr<Fetcher> self_ref_;  // let go of by the end of the fetch, or by Stop()
   mutable int mime_type_ = kMimeNone;
