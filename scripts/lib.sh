@@ -28,7 +28,8 @@ need_packages() {
   command -v apt-get >/dev/null || die "these Debian packages are missing, and there is no apt-get: ${missing[*]}"
   local as_root=()
   if [ "$(id -u)" -ne 0 ]; then
-    command -v sudo >/dev/null || die "run this as root, without sudo it cannot: apt-get install ${missing[*]}"
+    command -v sudo >/dev/null ||
+      die "Debian packages are missing, and there is no sudo. As root: apt-get update && apt-get install ${missing[*]}"
     as_root=(sudo)
   fi
   say "Installing Debian packages: ${missing[*]}"
