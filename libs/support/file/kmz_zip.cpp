@@ -10,8 +10,10 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
 #include <optional>
 
+#include "orvan/support/file/crc32.h"
 #include "orvan/support/file/memory_archive.h"
 
 namespace orvan {
@@ -68,7 +70,11 @@ bool Inflate(const unsigned char* packed, const ZipHeader& header, QByteArray* o
   if (header.size > header.packed_size * kDeflateFactor) return false;
   libdeflate_decompressor* const decompressor = GetDecompressor();
   if (!decompressor) return false;
-  *out = QByteArray(static_cast<int>(header.size), Qt::Uninitialized);
+  try {
+    *out = QByteArray(static_cast<int>(header.size), Qt::Uninitialized);
+  } catch (const std::bad_alloc&) {  // the size is what an archive states
+    return false;
+  }
   AdviseHugePages(out->data(), header.size);
   return libdeflate_deflate_decompress(decompressor, packed, header.packed_size, out->data(), header.size,
                                        nullptr) == LIBDEFLATE_SUCCESS;
@@ -86,7 +92,7 @@ bool Unpack(const ZipDirectory& directory, const ZipHeader& header, QByteArray* 
     if (header.method != kStored || header.packed_size != header.size) return false;
     *out = QByteArray(reinterpret_cast<const char*>(packed), static_cast<int>(header.size));
   }
-  return libdeflate_crc32(0, out->constData(), static_cast<std::size_t>(out->size())) == header.crc;
+  return Crc32(out->constData(), static_cast<std::size_t>(out->size())) == header.crc;
 }
 
 QByteArray UnzipAt(const ZipDirectory& directory, quint64 position, bool* ok) {
@@ -102,7 +108,7 @@ QDateTime ReadDosTime(quint32 fields) {
     return static_cast<int>((fields >> from) & ((1U << count) - 1));
   };
   const QDate date(1980 + bits(25, 7), bits(21, 4), bits(16, 5));
-  return QDateTime(date, QTime(bits(11, 5), bits(5, 6), 2 * bits(0, 5)));
+  return QDateTime(date, QTime(bits(11, 5), bits(5, 6), 2 * bits(0, 5)), Qt::UTC);
 }
 
 }  // namespace

@@ -60,7 +60,8 @@ struct ArchiveEntry {
   quint32 crc = 0;
   int method = 0;  // 0 stored, 8 deflated
   bool encrypted = false;
-  QDateTime modified;    // zip has no time zones: the fields as they stand; invalid if they are no date
+  // Zip has no time zones: the fields as they stand, under the name of UTC. Invalid if they are no date.
+  QDateTime modified;
   quint64 position = 0;  // for UnzipEntry()
 };
 

@@ -9,7 +9,7 @@
 namespace orvan::kmz {
 namespace {
 
-constexpr int kMostNamesOfOneHash = 64;
+constexpr int kMostNamesOfOneHash = 16;
 
 class Archives {
  public:

@@ -18,7 +18,7 @@ namespace orvan::kmz {
 // several that are equal then, the first one in the directory counts.
 //
 // Shape:  positions by the hash of the name. The names themselves stay in the archive's bytes, and in
-// Names(). Limits: of names that share one hash of 32 bits only the first 64 are found by name. Honest
+// Names(). Limits: of names that share one hash of 32 bits only the first 16 are found by name. Honest
 // archives never
 //         come near; one whose names were chosen to collide costs no more time than another.
 class EntryIndex {

@@ -13,10 +13,11 @@ struct ZipEntry {
   quint16 method = 0xFFFF;  // what is stated instead of 0 or 8
   quint16 flags = 0;
   bool descriptor = false;           // sizes and CRC behind the bytes, zeros in front of them
-  bool zip64 = false;                // sizes in 64 bits
+  bool zip64 = false;                // sizes and offset in 64 bits
   QByteArray crc_of = QByteArray();  // what the CRC is that of, if not of the content
   qint64 size_error = 0;             // added to the stated unpacked size
   qint64 packed_error = 0;           // added to the stated packed size
+  qint64 local_header = -1;          // where the entry begins as stated, if not where it does
 };
 
 // Writes zip archives byte by byte, as no well-behaved writer would.
@@ -26,6 +27,8 @@ class ZipMaker {
   void Add(const QByteArray& name, const QByteArray& content) { Add(ZipEntry{name, content}); }
   // The archive. `stated_entries` replaces the count of the end record if it is not negative.
   QByteArray Finish(int stated_entries = -1, const QByteArray& comment = QByteArray()) const;
+  // The archive with its end record in 64 bits, and only markers in that of 32.
+  QByteArray Finish64() const;
 
  private:
   QByteArray local_;
