@@ -119,6 +119,7 @@ void QtHttpConnection::RequestFinishedSlot() {
   auto* const reply = qobject_cast<QNetworkReply*>(sender());
   QtHttpRequest* const request = replies_.value(reply);
   if (!request) return;  // none of ours; it is left alone
+  TakeProxyVerdict(*reply);
 
   const bool cancelled = request->phase_ == QtHttpRequest::kCancelled;
   const bool redirected = !cancelled && JudgeHead(*request, *reply) == Fate::kFollow;
@@ -193,7 +194,7 @@ void QtHttpConnection::ReleaseReply(QtHttpRequest* request) {
   QNetworkReply* const reply = request->reply_;
   replies_.remove(reply);
   request->reply_ = nullptr;
-  reply->deleteLater();  // its signal is being delivered
+  DropReply(reply);
 }
 
 void QtHttpConnection::Complete(QtHttpRequest* request) {

@@ -68,6 +68,10 @@ QtHttpConnection::QtHttpConnection(const ServerInfo* server, MemoryManager* memo
   QNetworkCookieJar* const jar = CookieJar::GetQtCookieJar();
   network_manager_.setCookieJar(jar);
   if (jar->parent()) jar->setParent(nullptr);  // every connection shares it, so no manager may delete it
+  connect(&network_manager_, &QNetworkAccessManager::authenticationRequired, this,
+          &QtHttpConnection::OnAuthenticationRequestSlot);
+  connect(&network_manager_, &QNetworkAccessManager::proxyAuthenticationRequired, this,
+          &QtHttpConnection::OnProxyAuthenticationRequestSlot);
   moveToThread(worker_thread_.get());
 }
 
@@ -78,7 +82,9 @@ HttpRequest* QtHttpConnection::CreateRequest(HttpMethod method, const QString& u
 unsigned int QtHttpConnection::SendRequest(HttpRequest*) { return kStatusFailed; }
 
 bool QtHttpConnection::MayBeDestroyedHere() const {
-  return QThread::currentThread() != worker_thread_.get() && HttpConnection::MayBeDestroyedHere();
+  const bool handler_is_out = gate_->BarHandler();
+  return handler_is_out && QThread::currentThread() != worker_thread_.get() &&
+         HttpConnection::MayBeDestroyedHere();
 }
 
 void QtHttpConnection::customEvent(QEvent* event) {
@@ -98,6 +104,11 @@ std::shared_ptr<GateTicket> QtHttpConnection::ServeInbox() {
         AbandonReply(command.request.get());
         break;
       case SendGate::Verb::kLeave:
+        if (challenge_depth_ > 0) {
+          gate_->PutBack(std::move(command));
+          PutOffLeaving();
+          return nullptr;
+        }
         PrepareForDestruction(command.thread);
         QThread::currentThread()->quit();
         return command.ticket;

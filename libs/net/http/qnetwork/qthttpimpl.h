@@ -1,10 +1,13 @@
 #pragma once
 
+#include <QAuthenticator>
 #include <QByteArray>
 #include <QHash>
 #include <QList>
+#include <QMap>
 #include <QNetworkAccessManager>
 #include <QNetworkCookie>
+#include <QNetworkProxy>
 #include <QNetworkRequest>
 #include <QObject>
 #include <QString>
@@ -12,6 +15,8 @@
 #include <QUrl>
 #include <atomic>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include "orvan/net/export.h"
 #include "orvan/net/http/http_connection.h"
@@ -20,11 +25,13 @@
 #include "orvan/support/memory/heap_buffer.h"
 #include "orvan/support/memory/ref_ptr.h"
 
+class QEventLoop;
 class QNetworkReply;
 
 namespace orvan::net {
 
 class GateTicket;
+class KeychainQuestion;
 class QtHttpConnection;
 class SendGate;
 class ServerInfo;
@@ -100,6 +107,10 @@ class ORVAN_NET_EXPORT QtHttpWorkerThread : public QThread {
 //              the memory domain refuses        kStatusOutOfMemory, no body, no header lines
 //            A connection that is lost in mid-body counts as success, with an empty body or with what
 //            arrived: Qt reports it as either, by chance.
+// Challenges: a server or proxy that asks for credentials gets those of the system keychain, and if there are
+//            none or they are refused, what the application's query handler says. While the keychain or the
+//            user is asked nothing else moves on this connection; others go on. A connection that is disposed
+//            of meanwhile waits for the user's answer on a thread of its own.
 class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection {
   Q_OBJECT
  public:
@@ -116,7 +127,17 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   unsigned int EnqueueRequest(HttpRequest* request, HttpRequest::Callback* callback, void* data) override;
   // Always kStatusFailed: only the enqueue route exists.
   unsigned int SendRequest(HttpRequest* request) override;
+  // Asking means wanting: no query handler is called from now on.
   bool MayBeDestroyedHere() const override;
+
+  // What a challenge is answered with. True: `username` and `password` are something to try. On entry they
+  // are what was tried and refused, or empty, and then the keychain is asked first. Worker thread.
+  bool GetUsernameAndPassword(const QString& host, const QString& realm, QString& username, QString& password,
+                              const QString& prompt);
+  void DeleteUsernameAndPassword(const QString& host, const QString& realm);
+  // The form in which a pair of texts is kept in the keychain.
+  static QString StoreTwoStringsInOne(const QString& a, const QString& b);
+  static void RestoreTwoStringsFromOne(const QString& one, QString& a, QString& b);
 
  public Q_SLOTS:
   // Sends a prepared request, or its redirect.
@@ -125,6 +146,8 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   void RequestFinishedSlot();
   // Lets go of all requests in flight and moves this object, and its access manager, to `in_thread`.
   void PrepareForDestruction(QThread* in_thread);
+  void OnAuthenticationRequestSlot(QNetworkReply* reply, QAuthenticator* authenticator);
+  void OnProxyAuthenticationRequestSlot(QNetworkProxy proxy, QAuthenticator* authenticator);
 
  protected:
   void customEvent(QEvent* event) override;
@@ -133,6 +156,9 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   // What becomes of a response, as far as its head tells: its body is the caller's, or thrown away; its
   // redirect is followed, or ends the request.
   enum class Fate { kBody, kErrorPage, kFollow, kRefuse };
+  // Host and realm of a challenge, and the user name and password that it was answered with.
+  using Challenge = std::pair<QString, QString>;
+  using Answers = QMap<Challenge, std::pair<QString, QString>>;
 
   // Caller's thread.
   void PrepareForWire(QtHttpRequest* request) const;
@@ -153,6 +179,18 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   void Complete(QtHttpRequest* request);
   static Fate JudgeHead(const QtHttpRequest& request, const QNetworkReply& reply);
 
+  // Worker thread, within the two slots for challenges.
+  class ChallengeScope;
+  void AnswerChallenge(const QString& host, const QString& prompt, Answers* answers,
+                       QAuthenticator* authenticator);
+  bool ReadKeychain(const QString& host, const QString& realm, QString* username, QString* password);
+  bool AskHandler(const QString& prompt, QString* username, QString* password, bool* save);
+  bool WaitForKeychain(const std::shared_ptr<KeychainQuestion>& question);
+  void PutOffLeaving();
+  void EndChallenge();
+  void DropReply(QNetworkReply* reply);
+  void TakeProxyVerdict(const QNetworkReply& reply);
+
   // Worker thread, or the destroying one once the worker has ended.
   void ForgetReplies();
 
@@ -165,6 +203,15 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   QNetworkAccessManager network_manager_;  // moves between threads as a child of this object
   // In flight. Worker only, hence no lock; no references, those are the base's (AppendAsyncRequest()).
   QHash<QNetworkReply*, QtHttpRequest*> replies_;
+  // Challenges are answered in slots that wait in event loops of their own, which deliver other events.
+  int challenge_depth_ = 0;
+  bool leaving_ = false;                          // a kLeave is put off until the depth is 0
+  std::vector<QEventLoop*> challenge_loops_;      // those loops, the innermost last
+  std::vector<QNetworkReply*> parked_replies_;    // Qt is still inside them, further up the stack
+  QHash<QNetworkReply*, Answers> reply_answers_;  // what each reply in flight was challenged for
+  QNetworkReply* challenged_reply_ = nullptr;     // by the server's challenge that is being answered
+  Answers proxy_answers_;                         // until the proxy lets something through
+
   const QString base_url_;       // scheme, encoded host, and the port if it is not the default one
   const QByteArray user_agent_;  // over the request's own line, unless empty
 };

@@ -44,6 +44,7 @@ SendGate::~SendGate() = default;
 bool SendGate::Post(Command command) {
   port::MutexGuard guard(mutex_);
   if (!receiver_) return false;
+  if (command.verb == Verb::kLeave) handler_barred_ = true;
   inbox_.push_back(std::move(command));
   WakeLocked();
   return true;
@@ -69,6 +70,29 @@ bool SendGate::Take(Command* command) {
   *command = std::move(inbox_.front());
   inbox_.pop_front();
   return true;
+}
+
+void SendGate::PutBack(Command command) {
+  port::MutexGuard guard(mutex_);
+  inbox_.push_front(std::move(command));
+}
+
+bool SendGate::EnterHandler() {
+  port::MutexGuard guard(mutex_);
+  if (handler_barred_ || !receiver_) return false;
+  in_handler_ = true;
+  return true;
+}
+
+void SendGate::LeaveHandler() {
+  port::MutexGuard guard(mutex_);
+  in_handler_ = false;
+}
+
+bool SendGate::BarHandler() {
+  port::MutexGuard guard(mutex_);
+  handler_barred_ = true;
+  return !in_handler_;
 }
 
 void SendGate::Close() {

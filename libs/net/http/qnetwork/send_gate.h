@@ -82,8 +82,17 @@ class SendGate {
   // Takes the first command; false if there is none. One at a time, so that a nested event loop may begin a
   // pass of its own and the order stays.
   bool Take(Command* command);
+  // Puts back what Take() has just taken, for a later pass.
+  void PutBack(Command command);
   // Drops what is left and lets nothing in any more.
   void Close();
+
+  // The worker is about to call the application's query handler, which may wait for a user, or has returned.
+  // Entering is refused once somebody wants the connection gone.
+  bool EnterHandler();
+  void LeaveHandler();
+  // Says that somebody wants the connection gone. False while the worker is inside the handler.
+  bool BarHandler();
 
  private:
   void WakeLocked() ORVAN_REQUIRES(mutex_);
@@ -91,6 +100,8 @@ class SendGate {
   port::MutexPosix mutex_;                      // a leaf, apart from Qt's event queue
   QObject* receiver_ ORVAN_GUARDED_BY(mutex_);  // not owned; null once closed
   std::deque<Command> inbox_ ORVAN_GUARDED_BY(mutex_);
+  bool in_handler_ ORVAN_GUARDED_BY(mutex_) = false;
+  bool handler_barred_ ORVAN_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace orvan::net
