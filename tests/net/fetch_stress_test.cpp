@@ -40,7 +40,6 @@ class Servers {
     for (int i = 0; i < count; ++i) {
       servers_.push_back(std::make_unique<LoopbackServer>());
       LoopbackServer& server = *servers_.back();
-      server.KeepRequests(0);
       server.On("/ok", test::Ok(std::string(300, 'x')));
       server.On("/missing", test::Reply(404));
       server.On("/cut", test::CutBody("abc", 100));

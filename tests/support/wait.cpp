@@ -2,71 +2,49 @@
 
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 #include <QEventLoop>
+#include <QFile>
 #include <QTimer>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <map>
 #include <mutex>
-#include <string>
-#include <system_error>
 #include <thread>
-#include <utility>
 
 namespace orvan::test {
 namespace {
 
-constexpr int kTickMs = 2;
-
 int CountEntries(const char* folder) {
-  std::error_code error;
-  int count = 0;
-  for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
-       entry.increment(error)) {
-    ++count;
-  }
-  return count;
+  return static_cast<int>(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
 
-// A line "<name>:   <number> kB" of /proc/self/status, in bytes.
-qint64 ReadStatus(const std::string& name) {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.compare(0, name.size(), name) == 0)
-      return 1024 * std::strtoll(line.c_str() + name.size(), nullptr, 10);
-  }
-  return -1;
+// A line "<name>:   <number> kB" of the kernel's own report, in bytes.
+qint64 ReadStatus(const QByteArray& name) {
+  QFile file(QStringLiteral("/proc/self/status"));
+  if (!file.open(QIODevice::ReadOnly)) return -1;
+  const QByteArray text = file.readAll();
+  const int number = text.indexOf(name) + name.size();
+  return 1024 * text.mid(number, text.indexOf("kB", number) - number).trimmed().toLongLong();
 }
 
 }  // namespace
 
 bool PumpUntil(const std::function<bool()>& predicate, int timeout_ms) {
-  if (predicate()) return true;
-  QElapsedTimer clock;
-  clock.start();
-  bool came_true = false;
-  bool looking = false;
+  const QDeadlineTimer deadline(timeout_ms);
+  bool came_true = predicate();
   QEventLoop loop;
   const auto look = [&] {
-    if (looking || came_true) return;  // a loop inside the predicate, or one more signal before the end
-    looking = true;
-    came_true = predicate();
-    looking = false;
-    if (came_true || clock.hasExpired(timeout_ms)) loop.quit();
+    came_true = came_true || predicate();
+    if (came_true || deadline.hasExpired()) loop.quit();
   };
   QTimer tick;
-  tick.setTimerType(Qt::PreciseTimer);
   QObject::connect(&tick, &QTimer::timeout, &loop, look);
-  tick.start(kTickMs);
   // The tick alone would make every wait take two milliseconds more than it needs.
   QObject::connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock, &loop,
                    look);
-  loop.exec();
+  tick.start(2);
+  if (!came_true) loop.exec();
   return came_true;
 }
 
@@ -76,20 +54,12 @@ void PumpFor(int duration_ms) {
   loop.exec();
 }
 
-void PumpPending() {
-  QElapsedTimer clock;
-  clock.start();
-  // One round that finds nothing is not enough: deleting an object can post something.
-  for (int quiet_rounds = 0; quiet_rounds < 2 && !clock.hasExpired(1000); ++quiet_rounds) {
-    if (QAbstractEventDispatcher::instance()->processEvents(QEventLoop::AllEvents)) quiet_rounds = 0;
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-  }
-}
+void PumpPending() { QCoreApplication::processEvents(QEventLoop::AllEvents, 1000); }
 
 bool SpinUntil(const std::function<bool()>& predicate, int timeout_ms) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  const QDeadlineTimer deadline(timeout_ms);
   while (!predicate()) {
-    if (std::chrono::steady_clock::now() >= end) return false;
+    if (deadline.hasExpired()) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
@@ -98,37 +68,15 @@ bool SpinUntil(const std::function<bool()>& predicate, int timeout_ms) {
 struct Gate::State {
   std::mutex mutex;
   std::condition_variable opened;
-  bool open = false;  // this and the rest: guarded by mutex
-  bool calling = false;
-  std::thread::id caller;
-  int last_number = 0;
-  std::map<int, std::function<void()>> listeners;
+  bool open = false;
 };
 
 Gate::Gate() : state_(std::make_shared<State>()) {}
 
 void Gate::Open() const {
-  std::map<int, std::function<void()>> listeners;
-  {
-    const std::lock_guard<std::mutex> guard(state_->mutex);
-    if (state_->open) return;
-    state_->open = true;
-    state_->calling = true;
-    state_->caller = std::this_thread::get_id();
-    listeners.swap(state_->listeners);
-  }
-  state_->opened.notify_all();
-  for (const auto& listener : listeners) listener.second();
-  {
-    const std::lock_guard<std::mutex> guard(state_->mutex);
-    state_->calling = false;
-  }
-  state_->opened.notify_all();
-}
-
-bool Gate::IsOpen() const {
   const std::lock_guard<std::mutex> guard(state_->mutex);
-  return state_->open;
+  state_->open = true;
+  state_->opened.notify_all();
 }
 
 bool Gate::Wait(int timeout_ms) const {
@@ -137,48 +85,24 @@ bool Gate::Wait(int timeout_ms) const {
                                  [this] { return state_->open; });
 }
 
-int Gate::AddListener(std::function<void()> listener) const {
-  {
-    const std::lock_guard<std::mutex> guard(state_->mutex);
-    if (!state_->open) {
-      state_->listeners.emplace(++state_->last_number, std::move(listener));
-      return state_->last_number;
-    }
-  }
-  listener();
-  return 0;
-}
-
-void Gate::RemoveListener(int number) const {
-  std::unique_lock<std::mutex> lock(state_->mutex);
-  state_->listeners.erase(number);
-  if (state_->calling && state_->caller == std::this_thread::get_id()) return;
-  state_->opened.wait(lock, [this] { return !state_->calling; });
-}
-
 int CountThreads() { return CountEntries("/proc/self/task"); }
 
-int CountDescriptors() { return CountEntries("/proc/self/fd") - 1; }
+int CountDescriptors() { return CountEntries("/proc/self/fd") - 1; }  // without the one that counting needs
 
 qint64 ResidentBytes() { return ReadStatus("VmRSS:"); }
 
 qint64 PeakResidentBytes() { return ReadStatus("VmHWM:"); }
 
 bool ResetPeakResidentBytes() {
-  std::ofstream file("/proc/self/clear_refs");
-  file << '5' << std::flush;
-  return file.good();
+  QFile file(QStringLiteral("/proc/self/clear_refs"));
+  return file.open(QIODevice::WriteOnly | QIODevice::Unbuffered) && file.write("5") == 1;
 }
 
 bool UnderSanitizer() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   return true;
 #elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-  return true;
-#else
-  return false;
-#endif
+  return __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
 #else
   return false;
 #endif

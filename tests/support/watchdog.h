@@ -1,33 +1,33 @@
 #pragma once
 
-#include <condition_variable>
-#include <mutex>
-#include <string>
+#include <cstdio>
+#include <cstdlib>
 #include <thread>
+
+#include "tests/support/wait.h"
 
 namespace orvan::test {
 
-// Ends the process with a message if its scope takes longer than `seconds`: a deadlock becomes a failure
-// that names itself, and its core or sanitizer report still shows where every thread stood.
-//
-//   Watchdog guard(60, "two managers shut down at once");
-//
-// It has a thread of its own while it lives; whoever counts threads counts that one too.
+// Ends the process with a message if its scope takes longer than `seconds`: a deadlock becomes a failure that
+// names itself, and its core or sanitizer report still shows where every thread stood. It has a thread of its
+// own while it lives; whoever counts threads counts that one too.
 class Watchdog {
  public:
-  Watchdog(int seconds, std::string what);
-  ~Watchdog();
+  Watchdog(int seconds, const char* what)
+      : thread_([ended = ended_, seconds, what] {
+          if (ended.Wait(seconds * 1000)) return;
+          (void)std::fprintf(stderr, "Watchdog: '%s' was not done after %d seconds\n", what, seconds);
+          std::abort();
+        }) {}
+  ~Watchdog() {
+    ended_.Open();
+    thread_.join();
+  }
   Watchdog(const Watchdog&) = delete;
   Watchdog& operator=(const Watchdog&) = delete;
 
  private:
-  void Run();
-
-  const int seconds_;
-  const std::string what_;
-  std::mutex mutex_;
-  std::condition_variable ended_changed_;
-  bool ended_ = false;  // guarded by mutex_
+  const Gate ended_;
   std::thread thread_;
 };
 

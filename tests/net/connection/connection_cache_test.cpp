@@ -12,14 +12,8 @@ using namespace net;
 
 class ConnectionCacheTest : public ManagerFixture {
  protected:
-  void SetUp() override {
-    ManagerFixture::SetUp();
-    cache = std::make_unique<ConnectionCache>(60000, &lock, 60.0, 300.0);
-  }
-  void TearDown() override { cache.reset(); }  // before the manager, which outlives every counter
-
   RefPtr<ConnectionRefCounter> Make(const char* host) {
-    const ServerInfo server(QString::fromLatin1(host), 80, false);
+    const ServerInfo server(host, 80, false);
     return new ConnectionRefCounter(
         HttpConnectionFactory::CreateHttpConnection(&server, nullptr, 15.0, 30, 1, 0, 0, 0), manager.get());
   }
@@ -28,7 +22,8 @@ class ConnectionCacheTest : public ManagerFixture {
   bool Fire() { return pump.FireNow(*cache); }
 
   SpinLock lock;
-  std::unique_ptr<ConnectionCache> cache;
+  std::unique_ptr<ConnectionCache> cache =
+      std::make_unique<ConnectionCache>(60000, &lock, 60.0, 300.0);  // goes before the manager
 };
 
 TEST_F(ConnectionCacheTest, IdleConnectionsExpireButNotAtTheVeryMoment) {
@@ -39,9 +34,9 @@ TEST_F(ConnectionCacheTest, IdleConnectionsExpireButNotAtTheVeryMoment) {
   clock.Advance(0.001);
   ASSERT_TRUE(Fire());
   EXPECT_EQ(cache->GetEntryCount(), 0);
-  EXPECT_EQ(transport.GetAliveCount(), 1) << "not within Fire()";
+  EXPECT_EQ(transport.alive, 1) << "not within Fire()";
   pump.Drain();
-  EXPECT_EQ(transport.GetAliveCount(), 0);
+  EXPECT_EQ(transport.alive, 0);
 }
 
 TEST_F(ConnectionCacheTest, UseDoesNotMoveTheFinalExpiry) {
@@ -54,7 +49,7 @@ TEST_F(ConnectionCacheTest, UseDoesNotMoveTheFinalExpiry) {
   ASSERT_TRUE(Fire());  // 301 seconds old, used a second ago
   EXPECT_EQ(cache->GetEntryCount(), 0);
   pump.Drain();
-  EXPECT_EQ(transport.GetAliveCount(), 1) << "a request still uses it";
+  EXPECT_EQ(transport.alive, 1) << "a request still uses it";
   cache->RefreshOrAddConnection(busy.get());
   clock.Advance(59.0);
   ASSERT_TRUE(Fire());
@@ -62,12 +57,8 @@ TEST_F(ConnectionCacheTest, UseDoesNotMoveTheFinalExpiry) {
 }
 
 TEST_F(ConnectionCacheTest, PurgeTakesTheEarliestAndTheFirstOfEqualOnes) {
-  const RefPtr<ConnectionRefCounter> late = Make("late");
-  cache->RefreshOrAddConnection(late.get());
-  const RefPtr<ConnectionRefCounter> first = Make("first");
-  const RefPtr<ConnectionRefCounter> second = Make("second");
-  cache->RefreshOrAddConnection(first.get());
-  cache->RefreshOrAddConnection(second.get());
+  const auto late = Make("late"), first = Make("first"), second = Make("second");
+  for (const auto* counter : {&late, &first, &second}) cache->RefreshOrAddConnection(counter->get());
   clock.Advance(1.0);
   cache->RefreshOrAddConnection(late.get());
   // A counter with one reference is ours alone.
@@ -83,7 +74,7 @@ TEST_F(ConnectionCacheTest, PurgeTakesTheEarliestAndTheFirstOfEqualOnes) {
 
 TEST_F(ConnectionCacheTest, TheDeleterGivesWayBetweenConnectionsAndStartsAtTheBack) {
   QStringList ended;
-  transport.SetDestroyHook([&ended](const ServerInfo& server) { ended << server.host(); });
+  transport.destroy_hook = [&ended](const ServerInfo& server) { ended << server.host(); };
   mmvector<ConnectionCache::ConnectionEntry> entries;
   for (const char* host : {"a", "b", "c"}) entries.push_back({Make(host), 0.0, 0.0});
   const RefPtr<ConnectionCache::ConnectionDeleterJob> job =
@@ -93,30 +84,23 @@ TEST_F(ConnectionCacheTest, TheDeleterGivesWayBetweenConnectionsAndStartsAtTheBa
   EXPECT_EQ(job->Run(never, nullptr), AbstractJob::kRunAgain);
   EXPECT_EQ(job->Run(never, nullptr), AbstractJob::kFinished);
   EXPECT_EQ(never.asked(), 2) << "not asked once there is nothing left";
-  EXPECT_EQ(ended, QStringList({QStringLiteral("c"), QStringLiteral("b"), QStringLiteral("a")}));
+  EXPECT_EQ(ended, QStringList({"c", "b", "a"}));
   EXPECT_EQ(job->Run(never, nullptr), AbstractJob::kFinished);
-  transport.SetDestroyHook(nullptr);
+  transport.destroy_hook = nullptr;
 }
 
-TEST_F(ConnectionCacheTest, FireEmptiesTheOldJobEvenIfNothingExpires) {
-  Add("a");
-  clock.Advance(61.0);
-  ASSERT_TRUE(Fire());
-  ASSERT_EQ(pump.GetLength(), 1);
-  ASSERT_TRUE(Fire());
-  EXPECT_EQ(transport.GetAliveCount(), 0) << "dropped although the job has not run";
-  EXPECT_EQ(pump.GetLength(), 1) << "no new job";
-  pump.Drain();
-}
-
-TEST_F(ConnectionCacheTest, DestructionEmptiesAQueuedJob) {
-  Add("a");
-  clock.Advance(61.0);
-  ASSERT_TRUE(Fire());
-  Add("b");
-  cache.reset();
-  EXPECT_EQ(transport.GetAliveCount(), 0);
-  pump.Drain();  // finds nothing to do
+TEST_F(ConnectionCacheTest, FireAndDestructionEmptyAJobThatHasNotRun) {
+  for (const bool destroy : {false, true}) {
+    Add("a");
+    clock.Advance(61.0);
+    ASSERT_TRUE(Fire());
+    ASSERT_EQ(pump.GetLength(), 1);
+    if (destroy) Add("b");
+    destroy ? cache.reset() : (void)Fire();
+    EXPECT_EQ(transport.alive, 0);
+    EXPECT_EQ(pump.GetLength(), 1) << "no new job";
+    pump.Drain();
+  }
 }
 
 }  // namespace

@@ -141,7 +141,7 @@ TEST_F(HttpConnectionTest, ABoundFunctionIsLetGo) {
     if (i == 3) connection.reset();
     EXPECT_TRUE(SpinUntil([&] { return watch.expired(); }));
     EXPECT_EQ(called.IsOpen(), i == 0);
-    EXPECT_TRUE(SpinUntil([&] { return transport.GetAliveRequestCount() == 0; }));
+    EXPECT_TRUE(SpinUntil([&] { return transport.requests_alive == 0; }));
   }
 }
 
@@ -171,7 +171,7 @@ TEST_F(HttpConnectionTest, ARefusingHookStopsTheOnesBehindIt) {
   HttpRequest* const request = connection->CreateRequest(kHttpGet, "/", nullptr);
   EXPECT_EQ(connection->EnqueueRequest(request, &receiver, nullptr), kStatusOk);
   ASSERT_TRUE(SpinUntil([&] { return first.refused != nullptr; }));
-  EXPECT_EQ(transport.GetSentCount(), 1) << "before sending, a refusal does not keep the request here";
+  EXPECT_EQ(transport.sent, 1) << "before sending, a refusal does not keep the request here";
   EXPECT_EQ(second.sent, 0);
 
   // Behind this one nothing is left of the first, so its callback is really missing.

@@ -2,12 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <QByteArray>
-#include <QCoreApplication>
-#include <QString>
 #include <QStringList>
 #include <functional>
-#include <string>
 
 #include "orvan/net/http/http_connection.h"
 #include "orvan/net/http/http_status.h"
@@ -23,7 +19,7 @@ using namespace orvan::test;
 // A connection of the Qt transport, ended by its scope if nobody ended it before.
 class Transport {
  public:
-  explicit Transport(int port, const QString& host = QStringLiteral("127.0.0.1"), bool secure = false,
+  explicit Transport(int port, const QString& host = "127.0.0.1", bool secure = false,
                      const QString& user_agent = QString(),
                      MemoryManager* manager = HeapManager::GetDynamicHeap()) {
     const ServerInfo server(host, port, secure, user_agent);
@@ -46,9 +42,8 @@ class Transport {
 // One request and what came of it. Keeps a reference, so that the response can be looked at afterwards.
 class Exchange : public HttpRequest::Callback {
  public:
-  Exchange(const Transport& transport, const std::string& path, HttpMethod method = kHttpGet)
-      : connection_(transport.get()),
-        request_(connection_->CreateRequest(method, QString::fromStdString(path), nullptr)) {}
+  Exchange(const Transport& transport, const QString& path, HttpMethod method = kHttpGet)
+      : connection_(transport.get()), request_(connection_->CreateRequest(method, path, nullptr)) {}
   ~Exchange() override {
     request_->SetCallback(nullptr, nullptr);
     request_->unref();  // our own
@@ -77,15 +72,12 @@ class Exchange : public HttpRequest::Callback {
   [[nodiscard]] bool Wait() { return done_.Wait(); }
   [[nodiscard]] bool Run() { return Send() == kStatusOk && Wait(); }
   bool IsDone() const { return done_.IsOpen(); }
-  const Gate& done() const { return done_; }
 
   unsigned int status() const { return request_->GetResponseStatus(); }
-  // The body; null if there is no buffer.
-  QByteArray body() const {
-    const HeapBuffer* const buffer = request_->GetResponseBuffer();
-    return buffer ? buffer->ToQByteArray() : QByteArray();
-  }
   bool HasBuffer() const { return request_->GetResponseBuffer() != nullptr; }
+  QByteArray body() const {
+    return HasBuffer() ? request_->GetResponseBuffer()->ToQByteArray() : QByteArray();
+  }
   QStringList headers() const {
     QStringList lines;
     for (int i = 0; i < request_->GetResponseHeaderCount(); ++i) lines += request_->GetResponseHeader(i);
