@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Tests orvan-fetch from outside: orvan_fetch_test.py <path of the program> [<test>...]"""
 import http.server
+import io
 import json
 import os
 import pty
@@ -10,11 +11,25 @@ import sys
 import tempfile
 import threading
 import unittest
+import warnings
+import zipfile
 
 PROGRAM = ""
 WAIT = 60  # seconds; no wait of these tests is longer
 DATE = "Tue, 01 Jul 2025 10:00:00 GMT"
 STEERING = b"\x1b]0;owned\x07"
+
+
+def make_archive(*entries):
+    """An archive of stored entries, whatever their names are."""
+    target = io.BytesIO()
+    with warnings.catch_warnings(), zipfile.ZipFile(target, "w") as archive:
+        warnings.simplefilter("ignore")  # of equal names
+        for name, contents in entries:
+            info = zipfile.ZipInfo("x", (2025, 7, 1, 10, 20, 30))
+            info.filename = name
+            archive.writestr(info, contents)
+    return target.getvalue()
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -23,6 +38,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     stalled = {"/stall?" + name: threading.Event() for name in "abc"}  # set when somebody waits there
     release = threading.Event()
+    archive = make_archive(("doc.kml", b"<kml/>"), ("images/a.png", b"picture"), ("empty", b""))
+    archive_requests = []
 
     def do_GET(self):
         path = self.path.split("?")[0]
@@ -40,6 +57,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if path == "/cut":
             self.close_connection = True
             return self.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nonly this")
+        if path in ("/a.kmz", "/get"):
+            Handler.archive_requests.append(self.path)
+            return self.answer(200, Handler.archive)
         if path == "/steering":
             return self.answer(200, b"plain" + STEERING, [("X-Title", "a\x1b[2Jb\x9bc")])
         return self.answer(200, b"body of " + self.path.encode())
@@ -81,6 +101,10 @@ class OrvanFetchTest(unittest.TestCase):
 
     def path(self, name):
         return os.path.join(self.folder.name, name)
+
+    def write(self, name, contents):
+        with open(self.path(name), "wb") as file:
+            file.write(contents)
 
     def run_tool(self, *arguments, status=0, **options):
         done = subprocess.run([PROGRAM, *arguments], capture_output=True, timeout=WAIT, cwd=self.folder.name, **options)
@@ -164,7 +188,8 @@ class OrvanFetchTest(unittest.TestCase):
                 ["-A", "a\nb", url], ["--repeat", "0", url], ["--parallel", "x", url], ["--timeout", "-1", url],
                 ["--if-modified-since", "yesterday", url], ["-o", "one", url, url], ["-o", "one", "--repeat", "2", url],
                 ["--secure-domain", "example.org", url], ["--cacert", "nowhere.pem", url], ["-i", "nowhere.txt"],
-                ["-i", os.devnull], ["-o", os.devnull + "/dir/", url]]
+                ["-i", os.devnull], ["-o", os.devnull + "/dir/", url], ["--list", "--extract-all", "d", url],
+                ["-o", "one", "--list", url], ["--extract-all", "", url], ["--extract-all", os.devnull + "/d", url]]
         for row in rows:
             with self.subTest(row):
                 done = self.run_tool(*row, status=2)
@@ -202,6 +227,64 @@ class OrvanFetchTest(unittest.TestCase):
         os.close(write_end)
         self.assertEqual(done.returncode, 1, done.stderr)
 
+    def test_one_request_serves_every_path_into_an_archive(self):
+        Handler.archive_requests.clear()
+        paths = ["/a.kmz", "/a.kmz/images/a.png", "/a.kmz/none.png", "/get?id=7", "/get?id=7/images/a.png"]
+        records = self.fetch_json("--parallel", "1", "-o", "out/", *[self.origin + path for path in paths], status=1)
+        self.assertEqual([record["state"] for record in records], [2, 2, 6, 2, 2])
+        self.assertEqual(Handler.archive_requests, ["/a.kmz", "/get?id=7"])
+        self.assertEqual(sorted(os.listdir(self.path("out"))), ["a-2.png", "a.kml", "a.png", "get"])
+
+    def test_a_list_of_what_is_in_an_archive(self):
+        self.write("local.kmz", Handler.archive)
+        for url, name in ((self.origin + "/a.kmz", self.origin + "/a.kmz"), ("local.kmz", self.path("local.kmz")),
+                          ("file://" + self.path("local.kmz") + "/images/a.png", self.path("local.kmz"))):
+            with self.subTest(url):
+                entries = self.fetch_json("--list", url)
+                self.assertEqual([(entry["name"], entry["bytes"]) for entry in entries],
+                                 [("doc.kml", 6), ("images/a.png", 7), ("empty", 0)])
+                self.assertEqual(entries[0], {"archive": name, "name": "doc.kml", "bytes": 6, "packed": 6, "method": 0,
+                                              "encrypted": False, "modified": "2025-07-01T10:20:30"})
+        self.assertRegex(self.run_tool("--list", "local.kmz").stdout.decode(),
+                         r"archive with 3 entries(.|\n)* 7 +7  stored +2025-07-01 10:20:30  images/a.png\n")
+        (record,) = self.fetch_json("--list", self.origin + "/a", status=1)
+        self.assertEqual((record["state"], record["problem"]), (2, "no archive came"))
+
+    def test_unpacking_stays_in_its_directory_and_replaces_nothing(self):
+        for folder in ("out", "out/images", "elsewhere"):
+            os.mkdir(self.path(folder))
+        self.write("elsewhere/kept", b"mine")
+        self.write("kept", b"mine")
+        os.symlink("../elsewhere", self.path("out/link"))
+        os.symlink("../kept", self.path("out/planted"))
+        os.symlink("../new", self.path("out/dangling"))
+        good = {"images/": None, "doc.kml": "doc.kml", "Doc.kml": "Doc.kml", "./a//b": "a/b",
+                "nul\0hidden": "nul", "nested/": None, "nested/x/": None, "~": "~", "...": "...", "Höhe": "Höhe"}
+        bad = ["../evil", "a/../../evil", "..", "images/..", self.path("evil"), "/", "..\\evil", "C:evil", "c:/evil", "",
+               "l" * 256, "d/" * 3000 + "x", "e\x1b[2Jvil", "link/evil", "link", "planted", "planted/x", "dangling",
+               "doc.kml", "doc.kml/x", "images", "damaged", "too long", "folder with contents/"]
+        contents = {"damaged": b"DAMAGE", "too long": b"1234567", "folder with contents/": b"x"}
+        archive = make_archive(*[(name, b"file" if path else b"") for name, path in good.items()],
+                               *[(name, contents.get(name, b"evil")) for name in bad])
+        self.write("hostile.kmz", archive.replace(b"DAMAGE", b"damage"))
+        before = sorted(os.listdir(self.folder.name))
+
+        entries = self.fetch_json("--max-entry-bytes", "6", "--extract-all", "out/", "hostile.kmz", status=1)
+
+        self.assertEqual([entry["name"] for entry in entries if not entry["ok"]], bad)
+        self.assertEqual(sorted(os.listdir(self.folder.name)), before)
+        self.assertEqual(os.listdir(self.path("elsewhere")), ["kept"])
+        found = [os.path.relpath(os.path.join(folder, name), self.path("out"))
+                 for folder, _, names in os.walk(self.path("out")) for name in names]
+        written = [path for path in good.values() if path]
+        self.assertEqual(sorted(found), sorted(written + ["planted", "dangling"]))
+        for path, contents in [("../kept", "mine"), ("../elsewhere/kept", "mine")] + [(path, "file") for path in written]:
+            with open(os.path.join(self.path("out"), path), encoding="utf-8") as file:
+                self.assertEqual(file.read(), contents)
+        said = self.run_tool("--max-total-bytes", "6", "--extract-all", "small", self.origin + "/a.kmz", status=1).stdout
+        self.assertIn(b'left out  "images/a.png"', said)
+        self.assertIn(b"1 of 3 entries were left out", said)
+
     def on_a_terminal(self, *arguments):
         """Exit status and all that the program writes to a terminal."""
         child, terminal = pty.fork()
@@ -227,6 +310,9 @@ class OrvanFetchTest(unittest.TestCase):
         status, seen = self.on_a_terminal("-o", "-", self.origin + "/steering")
         self.assertEqual(status, 1)
         self.assertNotIn(b"\x1b", seen)
+        status, seen = self.on_a_terminal("--extract-all", self.path("d"), self.origin + "/a.kmz")
+        self.assertEqual(status, 0)
+        self.assertRegex(seen, rb"1 of 3 done, 0 failed, 6 bytes")
 
 
 if __name__ == "__main__":

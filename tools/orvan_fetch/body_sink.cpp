@@ -1,6 +1,5 @@
 #include "tools/orvan_fetch/body_sink.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <QDir>
@@ -8,31 +7,17 @@
 #include <QSaveFile>
 #include <cerrno>
 
-#include "tools/orvan_fetch/interrupts.h"
 #include "tools/orvan_fetch/printable.h"
+#include "tools/orvan_fetch/write_all.h"
 
 namespace orvan_fetch {
 namespace {
 
-// Writes all of `bytes`, however slowly they are taken. False with errno set if that fails, EINTR if the user
-// has had enough.
-bool WriteAll(int fd, const QByteArray& bytes) {
-  for (qsizetype done = 0; done < bytes.size();) {
-    const ssize_t written = write(fd, bytes.constData() + done, static_cast<size_t>(bytes.size() - done));
-    if (written >= 0) {
-      done += written;
-    } else if (errno == EAGAIN) {
-      pollfd ready{fd, POLLOUT, 0};
-      (void)poll(&ready, 1, -1);  // how it ended shows at the next write
-    } else if (errno != EINTR) {
-      return false;
-    }
-    if (Interrupts::Pending()) {
-      errno = EINTR;
-      return false;
-    }
-  }
-  return true;
+// A document out of an archive goes by its name in there; an archive's main document by that of the archive.
+QString NameOf(const FetchRecord& record) {
+  if (!record.is_kmz) return FileNameFor(record.document_url, record.mime);
+  if (record.archive_path.isEmpty()) return FileNameFor(record.archive, orvan::net::kMimeKml);
+  return FileNameFor(QLatin1Char('/') + record.archive_path, orvan::net::kMimeOther);
 }
 
 }  // namespace
@@ -60,7 +45,7 @@ void BodySink::Write(const QByteArray& body, FetchRecord* record) {
       WriteFile(options_.output_path, body, record);
       break;
     case OutputPlace::kDirectory:
-      WriteFile(names_->PathFor(FileNameFor(record->document_url, record->mime)), body, record);
+      WriteFile(names_->PathFor(NameOf(*record)), body, record);
       break;
     case OutputPlace::kStandardOutput:
       WriteStandardOutput(body, record);

@@ -29,6 +29,11 @@ FetchRecord RecordOf(const orvan::net::Fetcher& fetch) {
   record.mime = fetch.GetMimeType();
   record.bytes = fetch.getSize();
   record.is_kmz = fetch.IsKmz();
+  if (record.is_kmz) {
+    // What it says of the cache makes no difference: the archive has been found before.
+    (void)orvan::net::Fetcher::FindInKmz(record.document_url, record.archive, record.archive_path);
+    if (record.archive.isEmpty()) record.archive = record.document_url;
+  }
   record.content_type = fetch.GetContentType();
   record.last_modified = fetch.GetLastModified().trimmed();  // a server's comes with the blank in front
   const double expires = fetch.GetExpireTime();

@@ -19,7 +19,9 @@ struct FetchRecord {
   QString anchor;
   int mime = orvan::net::kMimeNone;
   qint64 bytes = 0;
-  bool is_kmz = false;
+  bool is_kmz = false;   // it came out of an archive:
+  QString archive;       // from there,
+  QString archive_path;  // under this name; empty for the main document
   QString content_type;
   QString last_modified;          // as the server or the file told it
   std::optional<double> expires;  // in seconds since 1970
@@ -27,7 +29,8 @@ struct FetchRecord {
 
   // What went wrong in this program, not in the library: the time was up, the result could not be written.
   QString problem;
-  QString saved_as;  // empty if no file was written
+  QString saved_as;  // empty if nothing was written
+  int entries = -1;  // of the archive, if that was listed or unpacked
 
   // Whether the user got what was asked for.
   bool IsGood(bool not_modified_is_good) const;

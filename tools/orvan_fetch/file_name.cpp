@@ -71,6 +71,9 @@ QString FileNameFor(const QString& url, int mime) {
     if (c != QLatin1Char('.') && c != QLatin1Char('-')) break;
     c = QLatin1Char('_');
   }
+  if (mime == orvan::net::kMimeKml && name.endsWith(QLatin1String(".kmz"), Qt::CaseInsensitive)) {
+    name.replace(name.size() - 1, 1, QLatin1Char('l'));
+  }
   return Shortened(name);
 }
 

@@ -8,7 +8,8 @@ namespace orvan_fetch {
 
 // A name for a document in a directory of ours: the last piece of the path of `url`, made safe, or "index"
 // with the ending of `mime`, its media kind, if there is no such piece. What comes out has no slash, no
-// unprintable character and no dot or dash in front, and fits into a file system.
+// unprintable character and no dot or dash in front, and fits into a file system. A KML document that came
+// from a ".kmz" is the main document of that archive, and called ".kml".
 QString FileNameFor(const QString& url, int mime);
 
 // Hands out paths in a directory that nothing stands at: what a URL calls itself must never replace a file.

@@ -3,6 +3,8 @@
 #include <signal.h>
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QRandomGenerator>
 #include <QSslCertificate>
 #include <QSslConfiguration>
 #include <QTextCodec>
@@ -10,8 +12,11 @@
 
 #include "orvan/net/fetcher.h"
 #include "orvan/net/http/http_connection_factory.h"
+#include "orvan/net/kmz_cache.h"
 #include "orvan/net/net_init.h"
+#include "orvan/support/file/kmz_zip.h"
 #include "orvan/support/thread/worker_thread.h"
+#include "tools/orvan_fetch/archive_task.h"
 #include "tools/orvan_fetch/body_sink.h"
 #include "tools/orvan_fetch/interrupts.h"
 #include "tools/orvan_fetch/options.h"
@@ -28,6 +33,8 @@ class LibraryInUse {
  public:
   explicit LibraryInUse(const Options& options) {
     orvan::net::Init(QString(), QString());
+    orvan::kmz::SetExtractionLimit(static_cast<std::size_t>(options.max_entry_bytes));
+    orvan::net::Fetcher::GetKmzCache()->SetKmzTmpDir(OwnTemporaryDirectory());
     if (options.async) {
       worker_ = std::make_unique<orvan::WorkerThread>("orvan-fetch");
       orvan::net::Fetcher::SetWorkerThread(worker_.get());
@@ -44,6 +51,12 @@ class LibraryInUse {
   LibraryInUse& operator=(const LibraryInUse&) = delete;
 
  private:
+  // Processes that run at the same time must not share one. The cache makes it when it is needed, for us
+  // alone, and removes it at the end.
+  static QString OwnTemporaryDirectory() {
+    const QString random = QString::number(QRandomGenerator::system()->generate64(), 36);
+    return QDir::tempPath() + QStringLiteral("/orvan-fetch-") + random;
+  }
   static orvan::mmvector<QString> HostList(const QStringList& hosts) {
     return orvan::mmvector<QString>(hosts.cbegin(), hosts.cend());
   }
@@ -75,15 +88,17 @@ bool TrustAuthorities(const QString& file) {
 }
 
 int Run(const Options& options) {
+  Report report(options);
   BodySink sink(options);
-  const QString problem = sink.Prepare();
+  ArchiveTask archives(options, &report);
+  QString problem = sink.Prepare();
+  if (problem.isEmpty()) problem = archives.Prepare();
   if (!problem.isEmpty()) return BadUsage(problem);
   if (!options.authority_file.isEmpty() && !TrustAuthorities(options.authority_file)) {
     return BadUsage(QStringLiteral("--cacert %1: no certificate to read there").arg(options.authority_file));
   }
-  Report report(options);
   const LibraryInUse library(options);
-  Runner runner(options, &sink, &report);
+  Runner runner(options, &sink, &archives, &report);
   const Interrupts interrupts([&](int signal_number) { runner.Interrupt(kExitSignal + signal_number); });
   QTimer::singleShot(0, [&] { runner.Start(); });
   return QCoreApplication::exec();

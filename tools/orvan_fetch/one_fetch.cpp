@@ -1,11 +1,26 @@
 #include "tools/orvan_fetch/one_fetch.h"
 
+#include <QDir>
+#include <QFileInfo>
 #include <cmath>
+
+#include "orvan/net/url_text.h"
 
 namespace orvan_fetch {
 
 using orvan::net::Fetcher;
 using orvan::net::RequestHeader;
+
+namespace {
+
+// The library takes a relative path as the name of a file, and looks for no archive in it.
+QString WithAbsolutePath(const QString& url) {
+  const bool is_relative =
+      orvan::net::GetFileNameType(url) == orvan::net::kFileNamePath && QFileInfo(url).isRelative();
+  return is_relative ? QDir::current().filePath(url) : url;
+}
+
+}  // namespace
 
 OneFetch::OneFetch(const Options& options, const QString& url, int run, Ended ended)
     : options_(options), ended_(std::move(ended)) {
@@ -37,7 +52,7 @@ void OneFetch::Start() {
 
 Fetcher::FetchParams OneFetch::Params() {
   Fetcher::FetchParams params;
-  params.url = record_.url;
+  params.url = WithAbsolutePath(record_.url);
   params.user_agent = options_.user_agent;
   params.if_modified_since = options_.if_modified_since;
   for (const QString& line : options_.header_lines) {

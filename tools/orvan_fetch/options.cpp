@@ -1,9 +1,12 @@
 #include "tools/orvan_fetch/options.h"
 
 #include <CLI/CLI.hpp>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <cstdio>
+#include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,10 +18,16 @@ namespace {
 
 constexpr int kMostParallel = 100000;
 constexpr int kMostRepeats = 1000000;
+constexpr quint64 kMostBytes = std::numeric_limits<qint64>::max();
 
 const char kDescription[] =
     "Fetches documents by URL (http, https, file), local path or Qt resource path (\":/...\") and tells how\n"
-    "each fetch ended.";
+    "each fetch ended.\n\n"
+    "A URL or path may lead into a KMZ archive: http://host/a.kmz/images/b.png. An archive is fetched once "
+    "in a\n"
+    "run if --parallel is 1. What follows the URL of an archive without \".kmz\" is then looked for in it, "
+    "too:\n"
+    "http://host/get?id=7 http://host/get?id=7/images/b.png";
 const char kFooter[] =
     "\nExit status: 0 if every fetch ended well, 1 if one failed, 2 for bad usage, 130 after Ctrl-C.\n"
     "With --if-modified-since, \"not modified\" counts as well.";
@@ -28,6 +37,8 @@ struct Arguments {
   std::vector<std::string> urls;
   std::string list_file;
   std::string output;
+  bool list_archives = false;
+  std::optional<std::string> extract_to;
   std::vector<std::string> header_lines;
   std::vector<std::string> cookies;
   std::string user_agent;
@@ -53,11 +64,27 @@ void Describe(CLI::App* app, Arguments* arguments, Options* options) {
                   "also fetch the URLs in FILE, one a line (-: standard input)")
       ->type_name("FILE");
 
-  app->add_option(
-         "-o,--output", arguments->output,
-         "write the document to FILE; to DIR/, under a name taken from its URL; or, for -, to standard "
-         "output and nothing else there")
-      ->type_name("FILE|DIR/|-");
+  auto* output =
+      app->add_option(
+             "-o,--output", arguments->output,
+             "write the document to FILE; to DIR/, under a name taken from its URL; or, for -, to standard "
+             "output and nothing else there")
+          ->type_name("FILE|DIR/|-");
+  auto* list =
+      app->add_flag("--list", arguments->list_archives, "print what is in each archive")->excludes(output);
+  app->add_option("--extract-all", arguments->extract_to,
+                  "unpack each archive into DIR, where nothing is replaced, and never outside of it")
+      ->type_name("DIR")
+      ->excludes(output)
+      ->excludes(list);
+  app->add_option("--max-entry-bytes", options->max_entry_bytes, "what a file in an archive may unpack to")
+      ->capture_default_str()
+      ->type_name("N")
+      ->check(CLI::Range(quint64{1}, kMostBytes));
+  app->add_option("--max-total-bytes", options->max_total_bytes, "what --extract-all may write")
+      ->capture_default_str()
+      ->type_name("N")
+      ->check(CLI::Range(quint64{1}, kMostBytes));
   app->add_flag("--json", options->json, "report each fetch as a JSON object on one line");
   app->add_flag("--include", options->include_headers, "report the response headers too");
 
@@ -101,15 +128,6 @@ QStringList Texts(const std::vector<std::string>& texts) {
   QStringList list;
   for (const std::string& text : texts) list.append(Text(text));
   return list;
-}
-
-// A line end inside a header would begin another one. The library knows how to prevent that; here it can
-// only be a mistake.
-bool HasControlCharacter(const QString& text) {
-  for (const QChar c : text) {
-    if (c.unicode() < 0x20 || c.unicode() == 0x7F) return true;
-  }
-  return false;
 }
 
 // The operations below return an empty text, or what is wrong.
@@ -162,6 +180,15 @@ QString TakeOutput(const Arguments& arguments, Options* options) {
   return QString();
 }
 
+void TakeTask(const Arguments& arguments, Options* options) {
+  if (!arguments.list_archives && !arguments.extract_to) return;
+  options->task = arguments.list_archives ? Task::kList : Task::kExtractAll;
+  if (arguments.extract_to) options->output_path = QDir::cleanPath(Text(*arguments.extract_to));
+  options->parallel = 1;  // one archive after the other, in the order given
+}
+
+// Control characters are refused: a line end inside a header would begin another one. The library knows how
+// to prevent that; here it can only be a mistake.
 QString TakeRequestFields(const Arguments& arguments, Options* options) {
   options->header_lines = Texts(arguments.header_lines);
   for (const QString& line : options->header_lines) {
@@ -219,6 +246,7 @@ bool ParseOptions(int argc, char** argv, Options* options, int* exit_status) {
   QString problem = TakeRequestFields(arguments, options);
   if (problem.isEmpty()) problem = TakeUrls(arguments, options);
   if (problem.isEmpty()) problem = TakeOutput(arguments, options);
+  TakeTask(arguments, options);
   if (problem.isEmpty()) return true;
   *exit_status = BadUsage(problem);
   return false;

@@ -10,6 +10,9 @@ namespace orvan_fetch {
 // Where the bodies go.
 enum class OutputPlace { kNowhere, kFile, kDirectory, kStandardOutput };
 
+// What is done with what comes.
+enum class Task { kFetch, kList, kExtractAll };
+
 // What the command line asks for, checked as far as that goes without fetching anything.
 struct Options {
   QStringList urls;  // at least one, in the order given
@@ -17,8 +20,9 @@ struct Options {
   int parallel = 16;
   double timeout_seconds = 0.0;  // 0: a fetch may take for ever
 
-  OutputPlace output = OutputPlace::kNowhere;
-  QString output_path;  // of kFile and kDirectory
+  Task task = Task::kFetch;
+  OutputPlace output = OutputPlace::kNowhere;  // of kFetch
+  QString output_path;                         // of kFile, kDirectory and kExtractAll
   bool json = false;
   bool include_headers = false;
 
@@ -33,6 +37,9 @@ struct Options {
   QStringList secure_domains;
   QStringList insecure_hosts;
   QString authority_file;  // PEM, trusted beside the system's authorities
+
+  quint64 max_entry_bytes = quint64{256} * 1024 * 1024;       // that an entry of an archive may unfold to
+  quint64 max_total_bytes = quint64{4} * 1024 * 1024 * 1024;  // that kExtractAll may write
 
   int FetchCount() const { return urls.size() * repeat; }
 };

@@ -29,6 +29,10 @@ QString Escaped(const QString& text) {
 
 QString Printable(const QString& text) { return Escaped(text); }
 
+bool HasControlCharacter(const QString& text) {
+  return std::any_of(text.cbegin(), text.cend(), [](QChar c) { return c < QChar(0x20) || c == QChar(0x7F); });
+}
+
 QByteArray JsonLine(const QJsonObject& object) {
   // Qt escapes what JSON demands, which leaves DEL, C1 and the direction marks. In compact form they can
   // only be inside a string, where JSON takes the same escape.

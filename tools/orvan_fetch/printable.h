@@ -13,6 +13,9 @@ namespace orvan_fetch {
 // `text` with each unfit character as \u001b or the like.
 QString Printable(const QString& text);
 
+// Whether there is a line end or another control character in `text`.
+bool HasControlCharacter(const QString& text);
+
 // One line of JSON without its line end. Loses nothing: unfit characters are written as JSON escapes.
 QByteArray JsonLine(const QJsonObject& object);
 

@@ -23,7 +23,10 @@ Progress::Progress(int total) : total_(total), shown_(total > 1 && isatty(STDERR
 
 Progress::~Progress() { Clear(); }
 
-void Progress::Update(const RunTotals& totals) { totals_ = totals; }
+void Progress::Update(const RunTotals& totals) {
+  totals_ = totals;
+  if (shown_ && (!since_drawn_.isValid() || since_drawn_.elapsed() >= kDrawEveryMs)) Draw();
+}
 
 void Progress::Clear() {
   if (!drawn_) return;
@@ -43,6 +46,7 @@ void Progress::Draw() {
   std::fprintf(stderr, "\r\033[K%s", line.toUtf8().constData());
   std::fflush(stderr);
   drawn_ = true;
+  since_drawn_.start();
 }
 
 }  // namespace orvan_fetch

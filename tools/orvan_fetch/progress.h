@@ -6,7 +6,7 @@
 
 namespace orvan_fetch {
 
-// How far a run of many fetches has come. `done` includes the failed ones.
+// How far a run of many fetches has come, or an archive with many entries. `done` includes the failed ones.
 struct RunTotals {
   int done = 0;
   int failed = 0;
@@ -14,7 +14,7 @@ struct RunTotals {
 };
 
 // The line on standard error that tells how a run goes, while it goes: done, failed, bytes, rate. Only for
-// more than one fetch, and only on a terminal; otherwise nothing here does anything.
+// more than one thing to do, and only on a terminal; otherwise nothing here does anything.
 class Progress {
  public:
   explicit Progress(int total);
@@ -22,7 +22,7 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // The line is drawn a few times a second, however often this is called.
+  // The line is drawn a few times a second, however often this is called, and from the event loop too.
   void Update(const RunTotals& totals);
   // Takes the line away, for others to write; it comes back by itself.
   void Clear();
@@ -35,6 +35,7 @@ class Progress {
   RunTotals totals_;
   bool drawn_ = false;  // the line stands on the terminal
   QElapsedTimer clock_;
+  QElapsedTimer since_drawn_;  // invalid before the first time
   QTimer timer_;
 };
 

@@ -7,10 +7,13 @@
 #include <cmath>
 
 #include "orvan/net/http/http_status.h"
+#include "tools/orvan_fetch/interrupts.h"
 #include "tools/orvan_fetch/printable.h"
 
 namespace orvan_fetch {
 namespace {
+
+using orvan::kmz::ArchiveEntry;
 
 QString HttpDate(double seconds_since_1970) {
   const QDateTime moment =
@@ -20,13 +23,80 @@ QString HttpDate(double seconds_since_1970) {
 
 QString Seconds(double seconds) { return QStringLiteral("%1 s").arg(seconds, 0, 'f', 3); }
 
+// What came, for people.
+QString KindOf(const FetchRecord& record) {
+  if (record.entries >= 0) return QStringLiteral("archive with %1 entries").arg(record.entries);
+  return record.is_kmz ? QStringLiteral("from an archive") : NameOfMime(record.mime);
+}
+
+constexpr char kListHead[] = "             bytes        packed  method     modified             name\n";
+
+QString MethodName(const ArchiveEntry& entry) {
+  if (entry.encrypted) return QStringLiteral("encrypted");
+  if (entry.method == 0) return QStringLiteral("stored");
+  return entry.method == 8 ? QStringLiteral("deflated") : QStringLiteral("method %1").arg(entry.method);
+}
+
+// In the archive's own time, whatever zone that is.
+QString Modified(const ArchiveEntry& entry, const QString& format) {
+  return entry.modified.isValid() ? entry.modified.toString(format) : QString();
+}
+
+QByteArray ListLine(const ArchiveEntry& entry) {
+  const QString date = Modified(entry, QStringLiteral("yyyy-MM-dd hh:mm:ss"));
+  return QStringLiteral("        %1  %2  %3  %4  ")
+             .arg(entry.size, 10)
+             .arg(entry.packed_size, 12)
+             .arg(MethodName(entry), -9)
+             .arg(date, -19)
+             .toUtf8() +
+         Printable(entry.name).toUtf8() + '\n';
+}
+
+QJsonObject EntryObject(const QString& url, const ArchiveEntry& entry) {
+  return {
+      {QStringLiteral("archive"), url},
+      {QStringLiteral("name"), entry.name},
+      {QStringLiteral("bytes"), static_cast<double>(entry.size)},
+      {QStringLiteral("packed"), static_cast<double>(entry.packed_size)},
+      {QStringLiteral("method"), entry.method},
+      {QStringLiteral("encrypted"), entry.encrypted},
+      {QStringLiteral("modified"), Modified(entry, QStringLiteral("yyyy-MM-ddThh:mm:ss"))},
+  };
+}
+
 }  // namespace
 
 Report::Report(const Options& options)
     : options_(options), stream_(options.output == OutputPlace::kStandardOutput ? stderr : stdout) {}
 
 bool Report::Print(const FetchRecord& record) {
-  const QByteArray text = options_.json ? AsJson(record) : AsText(record);
+  return Write(options_.json ? AsJson(record) : AsText(record));
+}
+
+bool Report::PrintList(const QString& url, const std::vector<ArchiveEntry>& entries) {
+  if (!options_.json && !Write(kListHead)) return false;
+  for (const ArchiveEntry& entry : entries) {
+    if (Interrupts::Pending()) return true;
+    if (!Write(options_.json ? JsonLine(EntryObject(url, entry)) + '\n' : ListLine(entry))) return false;
+  }
+  return true;
+}
+
+bool Report::PrintUnpacked(const QString& url, const ArchiveEntry& entry, const UnpackedEntry& unpacked) {
+  if (!options_.json) {
+    if (unpacked.problem.isEmpty()) return true;
+    const QString line = QStringLiteral("left out  \"%1\": %2").arg(entry.name, unpacked.problem);
+    return Write(Printable(line).toUtf8() + '\n');
+  }
+  QJsonObject object = EntryObject(url, entry);
+  object.insert(QStringLiteral("ok"), unpacked.problem.isEmpty());
+  object.insert(QStringLiteral("problem"), unpacked.problem);
+  object.insert(QStringLiteral("saved_as"), unpacked.saved_as);
+  return Write(JsonLine(object) + '\n');
+}
+
+bool Report::Write(const QByteArray& text) {
   const bool written = std::fwrite(text.constData(), 1, static_cast<size_t>(text.size()), stream_) ==
                        static_cast<size_t>(text.size());
   return std::fflush(stream_) == 0 && written;
@@ -50,7 +120,7 @@ QByteArray Report::AsText(const FetchRecord& record) const {
   // The library can guess a kind from the URL alone, which would only confuse where nothing came.
   lines.append(record.bytes == 0 && !good ? Seconds(record.seconds)
                                           : QStringLiteral("%1, %2 bytes, %3")
-                                                .arg(NameOfMime(record.mime))
+                                                .arg(KindOf(record))
                                                 .arg(record.bytes)
                                                 .arg(Seconds(record.seconds)));
   if (!record.last_modified.isEmpty()) lines.append(QStringLiteral("last modified ") + record.last_modified);
@@ -80,6 +150,8 @@ QByteArray Report::AsJson(const FetchRecord& record) const {
       {QStringLiteral("content_type"), record.content_type},
       {QStringLiteral("bytes"), record.bytes},
       {QStringLiteral("is_kmz"), record.is_kmz},
+      {QStringLiteral("archive"), record.archive},
+      {QStringLiteral("archive_path"), record.archive_path},
       {QStringLiteral("last_modified"), record.last_modified},
       {QStringLiteral("expires"), record.expires ? HttpDate(*record.expires) : QString()},
       {QStringLiteral("anchor"), record.anchor},

@@ -3,10 +3,13 @@
 #include <QCoreApplication>
 #include <cstdio>
 
+#include "orvan/support/thread/system.h"
+#include "tools/orvan_fetch/interrupts.h"
+
 namespace orvan_fetch {
 
-Runner::Runner(const Options& options, BodySink* sink, Report* report)
-    : options_(options), sink_(sink), report_(report), progress_(options.FetchCount()) {}
+Runner::Runner(const Options& options, BodySink* sink, ArchiveTask* archives, Report* report)
+    : options_(options), sink_(sink), archives_(archives), report_(report), progress_(options.FetchCount()) {}
 
 void Runner::Start() {
   clock_.start();
@@ -32,9 +35,8 @@ void Runner::FetchEnded(OneFetch* fetch) {
   under_way_.erase(entry);
 
   progress_.Clear();
-  FetchRecord& record = ended->record();
-  sink_->Write(ended->body(), &record);
-  const bool heard = report_->Print(record);
+  const bool heard = Deliver(fetch);
+  const FetchRecord& record = ended->record();
   ++totals_.done;
   if (!record.IsGood(!options_.if_modified_since.isEmpty())) ++totals_.failed;
   totals_.bytes += record.bytes;
@@ -43,12 +45,23 @@ void Runner::FetchEnded(OneFetch* fetch) {
   if (!heard) {
     std::fputs("orvan-fetch: cannot write the report\n", stderr);
     Leave(kExitFailed);
+  } else if (Interrupts::Pending()) {
+    // The event loop is about to deliver it, and tells the shell about it with the right exit status.
   } else if (totals_.done == options_.FetchCount()) {
     report_->PrintTotals(totals_, static_cast<double>(clock_.elapsed()) / 1000);
     Leave(totals_.failed == 0 ? 0 : kExitFailed);
   } else {
     StartMore();
   }
+}
+
+// Takes the result to where it is wanted, and reports. False if nobody can read the report any more.
+bool Runner::Deliver(OneFetch* fetch) {
+  FetchRecord& record = fetch->record();
+  ++orvan::System::s_cur_frame;  // by which the cache of archives tells what was used last
+  if (options_.task != Task::kFetch) return archives_->Handle(&record);
+  sink_->Write(fetch->body(), &record);
+  return report_->Print(record);
 }
 
 void Runner::Interrupt(int exit_status) {

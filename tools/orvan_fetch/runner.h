@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 
+#include "tools/orvan_fetch/archive_task.h"
 #include "tools/orvan_fetch/body_sink.h"
 #include "tools/orvan_fetch/one_fetch.h"
 #include "tools/orvan_fetch/options.h"
@@ -17,8 +18,8 @@ namespace orvan_fetch {
 // Threads: main thread only.
 class Runner {
  public:
-  // All three must outlive this object.
-  Runner(const Options& options, BodySink* sink, Report* report);
+  // All four must outlive this object.
+  Runner(const Options& options, BodySink* sink, ArchiveTask* archives, Report* report);
 
   // Begins. The event loop ends with 0 if every fetch ended well, else with kExitFailed.
   void Start();
@@ -28,10 +29,12 @@ class Runner {
  private:
   void StartMore();
   void FetchEnded(OneFetch* fetch);
+  bool Deliver(OneFetch* fetch);
   void Leave(int exit_status);
 
   const Options& options_;
   BodySink* const sink_;
+  ArchiveTask* const archives_;
   Report* const report_;
   Progress progress_;
   RunTotals totals_;
