@@ -120,11 +120,11 @@ TEST_F(MemoryReclaimerTest, AnObserverMayEndOrLeaveWithinItsOwnReclaim) {
 TEST_F(MemoryReclaimerTest, DetachWaitsForAReclaimOnAnotherThread) {
   const Watchdog watchdog(60, "an observer destroyed during its reclaim");
   const Gate entered;
-  std::atomic<bool> destroyed{false};
+  const Gate destroyed;
   std::atomic<bool> reclaimed{false};
   std::unique_ptr<Observer> observer = Make('a', 1, 2000, [&](Observer*, bool) {
     entered.Open();
-    EXPECT_FALSE(test::SpinUntil([&] { return destroyed.load(); }, 50)) << "only if nobody waits";
+    EXPECT_FALSE(destroyed.Wait(50)) << "only if nobody waits";
     reclaimed = true;
     return true;
   });
@@ -132,7 +132,7 @@ TEST_F(MemoryReclaimerTest, DetachWaitsForAReclaimOnAnotherThread) {
     EXPECT_TRUE(entered.Wait());
     observer.reset();
     EXPECT_TRUE(reclaimed);
-    destroyed = true;
+    destroyed.Open();
   });
   MemoryReclaimer::SetBudget(1000);
   pump_.Drain();

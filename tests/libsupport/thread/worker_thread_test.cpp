@@ -6,7 +6,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "tests/support/wait.h"
 #include "tests/support/watchdog.h"
@@ -16,139 +15,120 @@ namespace {
 
 using test::Gate;
 using test::SpinUntil;
-using test::Watchdog;
 
 class Job : public WorkerThread::Job {
  public:
-  using Body = std::function<void(Job*)>;
-  Job(WorkerThread* worker, Body body) : WorkerThread::Job("test", worker), body_(std::move(body)) {}
+  Job(WorkerThread* worker, std::function<void(Job*)> body)
+      : WorkerThread::Job("test", worker), body_(std::move(body)) {}
   ~Job() override { ++s_destroyed; }
-  static std::atomic<int> s_destroyed;
+  inline static std::atomic<int> s_destroyed{0};
 
  private:
   void Run() override { body_(this); }
-  const Body body_;
+  const std::function<void(Job*)> body_;
 };
-std::atomic<int> Job::s_destroyed{0};
 
-TEST(WorkerThreadTest, JobsRunOnceInTheOrderInWhichTheyWereAdded) {
+class WorkerThreadTest : public testing::Test {
+ protected:
+  RefPtr<Job> Add(std::function<void(Job*)> body) {
+    RefPtr<Job> job = new Job(worker_.get(), std::move(body));
+    job->AddToQueue(worker_.get());
+    return job;
+  }
+  // A job that is running when this returns, and ends when `release_` opens.
+  void KeepBusy() {
+    const Gate busy;
+    Add([this, busy](Job*) {
+      busy.Open();
+      EXPECT_TRUE(release_.Wait());
+    });
+    ASSERT_TRUE(busy.Wait());
+  }
+  static void MustNotRun(Job*) { ADD_FAILURE(); }
+
+  const test::Watchdog watchdog_{60, "a job of a worker thread"};
+  const Gate release_, done_;
+  std::unique_ptr<WorkerThread> worker_ = std::make_unique<WorkerThread>("test worker with a long name");
+};
+
+TEST_F(WorkerThreadTest, JobsRunOnceInTheOrderInWhichTheyWereAdded) {
   std::string order;
-  const Gate last;
-  WorkerThread worker("test worker with a long name");
-  RefPtr<Job> first = new Job(&worker, [&](Job*) { order += 'a'; });
-  first->AddToQueue(&worker);
-  first->AddToQueue(&worker);
-  RefPtr<Job>(new Job(&worker, [&](Job*) { order += 'b'; }))->AddToQueue(&worker);
-  RefPtr<Job>(new Job(&worker, [&](Job*) { last.Open(); }))->AddToQueue(&worker);
-  ASSERT_TRUE(last.Wait());
+  const RefPtr<Job> first = Add([&](Job*) { order += 'a'; });
+  first->AddToQueue(worker_.get());
+  Add([&](Job*) { order += 'b'; });
+  Add([&](Job*) { done_.Open(); });
+  ASSERT_TRUE(done_.Wait());
   EXPECT_EQ(order, "ab");
-  first->AddToQueue(&worker);
-  EXPECT_EQ(worker.GetQueueLength(), 0) << "once in its life";
+  first->AddToQueue(worker_.get());
+  EXPECT_EQ(worker_->GetQueueLength(), 0) << "once in its life";
 }
 
-TEST(WorkerThreadTest, CancelledBeforeItsStartAJobNeverRuns) {
-  bool ran = false;
-  const Gate busy;
-  const Gate release;
-  const Gate last;
-  auto worker = std::make_unique<WorkerThread>("test");
-  RefPtr<Job>(new Job(worker.get(), [&](Job*) {
-    busy.Open();
-    EXPECT_TRUE(release.Wait());
-  }))->AddToQueue(worker.get());
-  ASSERT_TRUE(busy.Wait());
-
-  const RefPtr<Job> not_added = new Job(worker.get(), [&](Job*) { ran = true; });
-  const RefPtr<Job> queued = new Job(worker.get(), [&](Job*) { ran = true; });
+TEST_F(WorkerThreadTest, CancelledBeforeItsStartAJobNeverRuns) {
+  KeepBusy();
+  const RefPtr<Job> not_added = new Job(worker_.get(), MustNotRun);
   not_added->Cancel();
-  not_added->AddToQueue(worker.get());
-  queued->AddToQueue(worker.get());
+  not_added->AddToQueue(worker_.get());
+  const RefPtr<Job> queued = Add(MustNotRun);
   queued->Cancel();
   queued->Cancel();
-  RefPtr<Job>(new Job(worker.get(), [&](Job*) { last.Open(); }))->AddToQueue(worker.get());
-  release.Open();
-  ASSERT_TRUE(last.Wait());
-  EXPECT_FALSE(ran);
-  worker.reset();
+  Add([&](Job*) { done_.Open(); });
+  release_.Open();
+  ASSERT_TRUE(done_.Wait());
+  worker_.reset();
   queued->Cancel();  // needs no living worker
 }
 
-TEST(WorkerThreadTest, CancelReturnsOnlyWhenARunningJobHasEnded) {
-  const Watchdog watchdog(60, "cancel of a running job");
+TEST_F(WorkerThreadTest, CancelReturnsOnlyWhenARunningJobHasEnded) {
   const Gate entered;
-  std::atomic<bool> returned{false};
   std::atomic<bool> ended{false};
-  WorkerThread worker("test");
-  const RefPtr<Job> job = new Job(&worker, [&](Job*) {
+  const RefPtr<Job> job = Add([&](Job*) {
     entered.Open();
-    EXPECT_FALSE(SpinUntil([&] { return returned.load(); }, 50))
-        << "only a Cancel() that does not wait returns now";
+    EXPECT_FALSE(done_.Wait(50)) << "only a Cancel() that does not wait returns now";
     ended = true;
   });
-  job->AddToQueue(&worker);
   ASSERT_TRUE(entered.Wait());
   job->Cancel();
   EXPECT_TRUE(ended);
-  returned = true;
+  done_.Open();
   job->Cancel();  // over: returns at once
 }
 
-TEST(WorkerThreadTest, AJobMayCancelItself) {
-  const Watchdog watchdog(60, "a job that cancels itself");
-  const Gate done;
-  WorkerThread worker("test");
-  const RefPtr<Job> job = new Job(&worker, [&](Job* self) {
+TEST_F(WorkerThreadTest, AJobMayCancelItself) {
+  Add([&](Job* self) {
     self->Cancel();
-    done.Open();
+    done_.Open();
   });
-  job->AddToQueue(&worker);
-  EXPECT_TRUE(done.Wait());
+  EXPECT_TRUE(done_.Wait());
 }
 
-TEST(WorkerThreadTest, TheDestructorCancelsWhatWaitsAndJoinsWhatRuns) {
-  const Watchdog watchdog(60, "end of a worker");
+TEST_F(WorkerThreadTest, TheDestructorCancelsWhatWaitsAndJoinsWhatRuns) {
   Job::s_destroyed = 0;
-  const Gate entered;
-  const Gate queued;
   std::atomic<bool> ended{false};
-  bool ran = false;
-  {
-    WorkerThread worker("test");
-    RefPtr<Job>(new Job(&worker, [&](Job* self) {
-      entered.Open();
-      EXPECT_TRUE(queued.Wait());
-      EXPECT_TRUE(SpinUntil([&] { return worker.GetQueueLength() == 0; }))
-          << "the destructor takes the rest away";
-      RefPtr<Job>(new Job(&worker, [&](Job*) { ran = true; }))->AddToQueue(&worker);
-      EXPECT_EQ(self->getRefCount(), 1) << "that of the thread";
-      ended = true;
-    }))->AddToQueue(&worker);
-    ASSERT_TRUE(entered.Wait());
-    RefPtr<Job>(new Job(&worker, [&](Job*) { ran = true; }))->AddToQueue(&worker);
-    queued.Open();
-  }
+  Add([&, worker = worker_.get()](Job* self) {
+    EXPECT_TRUE(release_.Wait());
+    EXPECT_TRUE(SpinUntil([&] { return worker->GetQueueLength() == 0; }))
+        << "the destructor takes the rest away";
+    RefPtr<Job>(new Job(worker, MustNotRun))->AddToQueue(worker);
+    EXPECT_EQ(self->getRefCount(), 1) << "that of the thread";
+    ended = true;
+  });
+  Add(MustNotRun);
+  release_.Open();
+  worker_.reset();
   EXPECT_TRUE(ended);
-  EXPECT_FALSE(ran);
   EXPECT_EQ(Job::s_destroyed, 3);
 }
 
-TEST(WorkerThreadTest, AJobMayDestroyItsWorker) {
-  const Watchdog watchdog(60, "a worker destroyed by its own job");
+TEST_F(WorkerThreadTest, AJobMayDestroyItsWorker) {
   Job::s_destroyed = 0;
   const int threads = test::CountThreads();
-  std::atomic<bool> ran{false};
-  {
-    auto* const worker = new WorkerThread("test");
-    const Gate queued;
-    RefPtr<Job>(new Job(worker, [worker, queued](Job*) {
-      EXPECT_TRUE(queued.Wait());
-      delete worker;
-    }))->AddToQueue(worker);
-    RefPtr<Job>(new Job(worker, [&](Job*) { ran = true; }))->AddToQueue(worker);
-    queued.Open();
-  }
-  EXPECT_TRUE(SpinUntil([&] { return Job::s_destroyed == 2 && test::CountThreads() == threads; }));
-  EXPECT_FALSE(ran);
+  Add([&](Job*) {
+    EXPECT_TRUE(release_.Wait());
+    worker_.reset();
+  });
+  Add(MustNotRun);
+  release_.Open();
+  EXPECT_TRUE(SpinUntil([&] { return Job::s_destroyed == 2 && test::CountThreads() == threads - 1; }));
 }
 
 }  // namespace
