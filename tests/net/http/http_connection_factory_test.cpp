@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/net/http/bare_connection.h"
+#include "tests/support/text_cases.h"
 
 namespace orvan::net {
 namespace {
@@ -53,25 +54,21 @@ TEST_F(HttpConnectionFactoryTest, ListsStayUntilShutdown) {
 }
 
 TEST_F(HttpConnectionFactoryTest, UpgradesUrls) {
-  const struct {
-    const char* says;
-    const char* url;
-    const char* secure;  // null if it stays as it is
-  } rows[] = {
+  const test::TextCase rows[] = {
       {"an absent port stays absent", "http://www.quorex.example/a?b#c", "https://www.quorex.example/a?b#c"},
       {"an explicit one is replaced", "http://www.quorex.example:80/", "https://www.quorex.example:443/"},
-      {"another port is left alone", "http://www.quorex.example:8080/", nullptr},
+      {"others are left alone", "http://www.quorex.example:8080/", "http://www.quorex.example:8080/"},
       {"the parser has folded the host", "http://WWW.quorex.example/", "https://www.quorex.example/"},
       {"an escaped host is decoded first", "http://ww%77.quorex.example/", "https://www.quorex.example/"},
+      {"a stranger is left alone", "http://chart.quorex.example/", "http://chart.quorex.example/"},
   };
-  for (const bool on : {false, true}) {
-    HttpConnectionFactory::UseSecureConnectionsForQuorex(on);
-    for (const auto& row : rows) {
-      const QUrl url(row.url);
-      EXPECT_EQ(HttpConnectionFactory::MakeSecureUrl(url), on && row.secure ? QUrl(row.secure) : url)
-          << row.says;
-    }
-  }
+  const QUrl url(rows[0].text);
+  EXPECT_EQ(HttpConnectionFactory::MakeSecureUrl(url), url);
+  HttpConnectionFactory::UseSecureConnectionsForQuorex(true);
+  const auto made_secure = [](const QString& text) {
+    return HttpConnectionFactory::MakeSecureUrl(QUrl(text)).toEncoded();
+  };
+  test::ExpectTexts(made_secure, rows);
 }
 
 TEST_F(HttpConnectionFactoryTest, SwitchingHttpsOnIsMarkedOnce) {

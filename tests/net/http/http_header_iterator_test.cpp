@@ -1,40 +1,35 @@
 #include "orvan/net/http/http_header_iterator.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
 #include <vector>
+
+#include "tests/support/text_cases.h"
 
 namespace orvan::net {
 namespace {
 
 TEST(HttpHeaderIteratorTest, CutsABlockIntoLines) {
-  const struct {
-    const char* says;
-    std::string block;
-    std::vector<std::string> headers;
-  } rows[] = {
-      {"CR LF goes, and the blank line hides the body", "A: 1\r\nB: 2\r\n\r\nC: 3\r\n", {"A: 1", "B: 2"}},
-      {"a lone LF goes too", "A: 1\nB: 2\n\r\n", {"A: 1", "B: 2"}},
-      {"a folded line keeps its line end and its blank", "A: 1\r\n 2\r\nB\n\t3\n", {"A: 1\r\n 2", "B\n\t3"}},
-      {"a CR alone belongs to the line", "A\rB\r\r\n", {"A\rB\r"}},
-      {"a lone LF is an empty header, not the end", "A: 1\n\nB: 2\n", {"A: 1", "", "B: 2"}},
-      {"one byte and a lone LF end the block as CR LF does", "A: 1\nx\nB: 2\n", {"A: 1"}},
-      {"a last line without a line end loses two bytes", "A: 1\r\nabcde", {"A: 1", "abc"}},
-      {"a CR at the very end counts as no line end", "abcd\r", {"abc"}},
-      {"a NUL at the end is an empty header", std::string("A: 1\r\n\0", 7), {"A: 1", ""}},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.says);
+  const auto cut = [](const QString& block) {
     // Without a NUL behind it, so that AddressSanitizer sees whoever reads on.
-    const std::vector<char> bytes(row.block.begin(), row.block.end());
+    const QByteArray text = block.toUtf8();
+    const std::vector<char> bytes(text.begin(), text.end());
     HttpHeaderIterator iterator(bytes.data(), bytes.data() + bytes.size());
-    std::vector<std::string> headers;
-    QString header;
-    while (iterator.NextHeader(&header)) headers.push_back(header.toStdString());
-    EXPECT_EQ(headers, row.headers);
+    QString header, headers;
+    while (iterator.NextHeader(&header)) headers += "[" + header + "]";
     EXPECT_FALSE(iterator.NextHeader(&header));
-  }
+    return headers;
+  };
+  const test::TextCase rows[] = {
+      {"CR LF goes, and the blank line hides the body", "A: 1\r\nB: 2\r\n\r\nC: 3\r\n", "[A: 1][B: 2]"},
+      {"a lone LF goes too", "A: 1\nB: 2\n\r\n", "[A: 1][B: 2]"},
+      {"a folded line keeps its line end and its blank", "A: 1\r\n 2\r\nB\n\t3\n", "[A: 1\r\n 2][B\n\t3]"},
+      {"a CR alone belongs to the line", "A\rB\r\r\n", "[A\rB\r]"},
+      {"a lone LF is an empty header, not the end", "A: 1\n\nB: 2\n", "[A: 1][][B: 2]"},
+      {"one byte and a lone LF end the block as CR LF does", "A: 1\nx\nB: 2\n", "[A: 1]"},
+      {"a last line without a line end loses two bytes", "A: 1\r\nabcde", "[A: 1][abc]"},
+      {"but not a single one", "A: 1\r\na", "[A: 1][a]"},
+      {"a CR at the very end counts as no line end", "abcd\r", "[abc]"},
+  };
+  test::ExpectTexts(cut, rows);
 }
 
 }  // namespace

