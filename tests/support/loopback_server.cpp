@@ -37,6 +37,12 @@ int BindToFreePort(int* port) {
   return fd;
 }
 
+// What was sent and not yet received may get lost, and neither side keeps its port in TIME_WAIT.
+void CloseByReset(int fd) {
+  const linger none = {1, 0};
+  setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
+}
+
 bool SendAll(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -143,8 +149,7 @@ Script& Script::Close() {
 
 Script& Script::Reset() {
   return Add([](int fd) {
-    const linger none = {1, 0};
-    setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
+    CloseByReset(fd);
     return false;
   });
 }
@@ -273,8 +278,11 @@ LoopbackServer::~LoopbackServer() {
 // The thread of a connection.
 void LoopbackServer::Serve(const std::shared_ptr<State>& state, int fd) {
   std::string buffer;  // read and not yet taken
-  for (RecordedRequest request; ReadRequest(fd, &buffer, &request);) {
-    if (!state->Begin(request).Run(fd)) break;
+  for (bool go_on = true; go_on;) {
+    RecordedRequest request;
+    go_on = ReadRequest(fd, &buffer, &request);
+    if (!go_on) CloseByReset(fd);  // the client has gone; a stress would use up the machine's ports
+    go_on = go_on && state->Begin(request).Run(fd);
   }
   const std::lock_guard<std::mutex> guard(state->mutex);
   state->open.erase(fd);
