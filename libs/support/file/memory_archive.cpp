@@ -1,5 +1,6 @@
 #include "orvan/support/file/memory_archive.h"
 
+#include <QtMath>
 #include <algorithm>
 #include <cstring>
 #include <unordered_map>
@@ -9,7 +10,8 @@
 namespace orvan::kmz {
 namespace {
 
-constexpr int kMostNamesOfOneHash = 16;
+constexpr int kLongestChain = 16;
+constexpr quint32 kNoSlot = 0xFFFFFFFF;
 
 class Archives {
  public:
@@ -49,9 +51,15 @@ struct OpenRequest {
 
 EntryIndex::EntryIndex(const ZipDirectory& directory)
     : directory_(directory), seed_(static_cast<uint>(qGlobalQHashSeed())) {
+  ZipHeader header;
+  quint32 count = 0;  // a second walk is cheaper than tables that grow
+  for (quint64 at = directory.begin(); directory.Read(at, &header); at = header.next) ++count;
+  slots_.reserve(count);
+  chains_.assign(qNextPowerOfTwo(count), kNoSlot);
+  names_.reserve(static_cast<int>(count));
+
   std::optional<quint64> first_in_root;
   std::optional<quint64> first_anywhere;
-  ZipHeader header;
   for (quint64 at = directory.begin(); directory.Read(at, &header); at = header.next) {
     const QString folded = header.FoldedName();
     if (!Add(folded, at) || !folded.endsWith(QLatin1String(".kml"))) continue;
@@ -64,24 +72,38 @@ EntryIndex::EntryIndex(const ZipDirectory& directory)
 
 std::optional<quint64> EntryIndex::Find(const QString& folded) const {
   const uint hash = qHash(folded, seed_);
-  ZipHeader header;
-  for (auto it = positions_.constFind(hash); it != positions_.constEnd() && it.key() == hash; ++it) {
-    if (directory_.Read(*it, &header) && header.FoldedName() == folded) return *it;
+  for (quint32 i = chains_[ChainOf(hash)]; i != kNoSlot; i = slots_[i].next) {
+    if (IsOf(slots_[i], hash, folded)) return slots_[i].position;
   }
   return std::nullopt;
 }
 
-// False if an earlier entry has the name, or too many have its hash.
+// False if an earlier entry has the name, or its chain is full.
 bool EntryIndex::Add(const QString& folded, quint64 position) {
-  if (Find(folded)) return false;
+  const uint hash = qHash(folded, seed_);
+  quint32& chain = chains_[ChainOf(hash)];
+  int length = 0;
+  for (quint32 i = chain; i != kNoSlot; i = slots_[i].next, ++length) {
+    if (IsOf(slots_[i], hash, folded)) return false;
+  }
   // Not a slip: Qt's seed does not keep apart names of one length that were made to collide, neither here nor
   // in the set. Without this bound they would cost a time that grows with the square of their number.
   // KmzZipTest.NamesMadeToCollideCostNoMoreThanOthers holds this in place.
-  const uint hash = qHash(folded, seed_);
-  if (positions_.count(hash) >= kMostNamesOfOneHash) return false;
-  positions_.insert(hash, position);
+  if (length >= kLongestChain) return false;
+  slots_.push_back({position, hash, chain});
+  chain = static_cast<quint32>(slots_.size() - 1);
   names_.insert(folded);
   return true;
+}
+
+// Multiplying mixes the bits: those of Qt's hash of names that follow a pattern follow one too.
+std::size_t EntryIndex::ChainOf(uint hash) const {
+  return (hash * quint64{0x9E3779B97F4A7C15} >> 32) & (chains_.size() - 1);
+}
+
+bool EntryIndex::IsOf(const Slot& slot, uint hash, const QString& folded) const {
+  ZipHeader header;
+  return slot.hash == hash && directory_.Read(slot.position, &header) && header.FoldedName() == folded;
 }
 
 struct MemoryArchive::Callbacks {

@@ -2,25 +2,27 @@
 
 #include <unzip.h>
 
-#include <QMultiHash>
 #include <QSet>
 #include <QString>
 #include <cstddef>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "orvan/support/file/kmz_zip.h"
 #include "orvan/support/file/zip_directory.h"
 
 namespace orvan::kmz {
 
-// Where an archive has which entry, made in one walk over its directory. Names are folded to lower case; of
+// Where an archive has which entry, made once. Names are folded to lower case; of
 // several that are equal then, the first one in the directory counts.
 //
-// Shape:  positions by the hash of the name. The names themselves stay in the archive's bytes, and in
-// Names(). Limits: of names that share one hash of 32 bits only the first 16 are found by name. Honest
-// archives never
-//         come near; one whose names were chosen to collide costs no more time than another.
+// Shape:  a chain of slots for each group of hashes, about as many chains as entries. The names themselves
+// stay
+//         in the archive's bytes, and in Names().
+// Limits: a chain has at most 16 slots, and a name whose chain is full is not found. Honest archives never
+// come
+//         near; one whose names were chosen to collide costs no more time than another.
 class EntryIndex {
  public:
   explicit EntryIndex(const ZipDirectory& directory);
@@ -31,11 +33,20 @@ class EntryIndex {
   const QSet<QString>& Names() const { return names_; }
 
  private:
+  struct Slot {
+    quint64 position;
+    uint hash;
+    quint32 next;
+  };
+
   bool Add(const QString& folded, quint64 position);
+  std::size_t ChainOf(uint hash) const;
+  bool IsOf(const Slot& slot, uint hash, const QString& folded) const;
 
   const ZipDirectory& directory_;
-  const uint seed_;
-  QMultiHash<uint, quint64> positions_;
+  const uint seed_;  // that of names_
+  std::vector<Slot> slots_;
+  std::vector<quint32> chains_;  // first slot of each
   std::optional<quint64> main_document_;
   QSet<QString> names_;
 };

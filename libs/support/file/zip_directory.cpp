@@ -74,6 +74,17 @@ void Resolve64(const unsigned char* extra, int left, ZipHeader* header) {
 
 }  // namespace
 
+QString ZipHeader::FoldedName() const {
+  QString folded(name_size, Qt::Uninitialized);
+  QChar* out = folded.data();
+  for (int i = 0; i < name_size; ++i) {
+    const char byte = name[i];
+    if (byte < 0) return Name().toLower();  // not ASCII
+    out[i] = QLatin1Char(byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte);
+  }
+  return folded;
+}
+
 ZipDirectory::ZipDirectory(const unsigned char* bytes, std::size_t size) : bytes_(bytes) {
   const unsigned char* const end_record = FindEndRecord(bytes, size);
   if (!end_record) return;

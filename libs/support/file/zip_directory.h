@@ -21,7 +21,7 @@ struct ZipHeader {
 
   // Read as UTF-8, which is what archives of map documents hold whatever their flags say.
   QString Name() const { return QString::fromUtf8(name, name_size); }
-  QString FoldedName() const { return Name().toLower(); }
+  QString FoldedName() const;
 };
 
 // The directory at the end of a zip archive (PKWARE APPNOTE 4.3), read straight from memory. Junk in front
