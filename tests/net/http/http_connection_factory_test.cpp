@@ -18,31 +18,21 @@ class HttpConnectionFactoryTest : public testing::Test {
 };
 
 TEST_F(HttpConnectionFactoryTest, TellsSecureHosts) {
-  const struct {
-    const char* says;
-    const char* host;
-    bool secure_by_default;
-    bool secure_by_lists;
-  } rows[] = {
-      {"a host in a default domain", "www.quorex.example", true, false},
-      {"the bare domain does not match", "quorex.example", false, false},
-      {"nor does a name that only ends alike", "notquorex.example", false, false},
-      {"letter case counts", "WWW.quorex.EXAMPLE", false, false},
-      {"an exception is plain", "chart.quorex.example", false, false},
-      {"below an exception it is not", "x.orvan.quorex.example", true, false},
-      {"a listed domain got its dot and its lower case", "www.maps.test", false, true},
-      {"one with a dot got no second", "www.dot.test", false, true},
-      {"a listed exception got lower case and no dot", "plain.maps.test", false, false},
-      {"an empty entry does not become a dot that matches", "elsewhere.test.", false, false},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(HttpConnectionFactory::IsHostInSecureDomains(row.host), row.secure_by_default) << row.says;
-  }
+  const auto secure = [](const char* host) { return HttpConnectionFactory::IsHostInSecureDomains(host); };
+  EXPECT_TRUE(secure("www.quorex.example"));
+  EXPECT_FALSE(secure("quorex.example")) << "the bare domain";
+  EXPECT_FALSE(secure("notquorex.example"));
+  EXPECT_FALSE(secure("WWW.quorex.EXAMPLE"));
+  EXPECT_FALSE(secure("chart.quorex.example")) << "an exception";
+  EXPECT_TRUE(secure("x.orvan.quorex.example")) << "below an exception";
   HttpConnectionFactory::SetSecureDomains({"MAPS.Test", QString(), ".dot.test"});
   HttpConnectionFactory::SetInsecureHosts({QString(), "Plain.Maps.Test"});
-  for (const auto& row : rows) {
-    EXPECT_EQ(HttpConnectionFactory::IsHostInSecureDomains(row.host), row.secure_by_lists) << row.says;
-  }
+  EXPECT_FALSE(secure("www.quorex.example"));
+  EXPECT_TRUE(secure("www.maps.test")) << "it got its dot and its lower case";
+  EXPECT_TRUE(secure("www.dot.test")) << "it got no second dot";
+  EXPECT_FALSE(secure("plain.maps.test"));
+  EXPECT_TRUE(secure("splain.maps.test")) << "an exception gets no dot";
+  EXPECT_FALSE(secure("elsewhere.test.")) << "an empty entry does not become a dot that matches";
 }
 
 TEST_F(HttpConnectionFactoryTest, ListsStayUntilShutdown) {
@@ -83,31 +73,19 @@ TEST_F(HttpConnectionFactoryTest, SwitchingHttpsOnIsMarkedOnce) {
 }
 
 TEST_F(HttpConnectionFactoryTest, ConnectionsMakeTheirUrlsWhenTheyAreAsked) {
-  const struct {
-    const char* says;
-    const char* host;
-    bool secure;
-    int port;
-    bool use_secure;
-    const char* url;
-  } rows[] = {
-      {"a default port is left out", "host.example", false, 80, true, "http://host.example"},
-      {"another port is written", "host.example", false, 8080, true, "http://host.example:8080"},
-      {"the other one's default is another", "host.example", true, 80, true, "https://host.example:80"},
-      {"a host of the maker is forced to HTTPS", "www.quorex.example", false, 80, true,
-       "https://www.quorex.example"},
-      {"not on another port", "www.quorex.example", false, 8080, true, "http://www.quorex.example:8080"},
-      {"a marker in the host is not expanded", "%1.example", false, 8080, false, "http://%1.example:8080"},
+  const auto url = [](const char* host, bool secure, int port) {
+    return test::BareConnection(host, secure, port).MakeBaseUrlString();
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.says);
-    const test::BareConnection connection(row.host, row.secure, row.port);
-    HttpConnectionFactory::UseSecureConnectionsForQuorex(row.use_secure);  // reaches existing connections
-    EXPECT_EQ(connection.MakeBaseUrlString(), row.url);
-  }
-  const test::BareConnection connection;
+  EXPECT_EQ(url("www.quorex.example", false, 80), "http://www.quorex.example");
+  const test::BareConnection waiting("www.quorex.example");
+  HttpConnectionFactory::UseSecureConnectionsForQuorex(true);
+  EXPECT_EQ(waiting.MakeBaseUrlString(), "https://www.quorex.example");
+  EXPECT_EQ(url("www.quorex.example", false, 8080), "http://www.quorex.example:8080");
+  EXPECT_EQ(url("host.example", false, 80), "http://host.example");
+  EXPECT_EQ(url("host.example", true, 80), "https://host.example:80");
+  EXPECT_EQ(url("%1.example", false, 8080), "http://%1.example:8080") << "a marker is not expanded";
   const test::PlainRequest request("/a%2Fb?c=%25d");
-  EXPECT_EQ(connection.MakeFullUrl(request).toEncoded(), "http://host.example/a%2Fb?c=%25d");
+  EXPECT_EQ(waiting.MakeFullUrl(request).toEncoded(), "https://www.quorex.example/a%2Fb?c=%25d");
 }
 
 }  // namespace

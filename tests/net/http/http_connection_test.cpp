@@ -214,8 +214,7 @@ TEST_F(HttpConnectionTest, DisposingWaitsForNobodyElsewhere) {
   DisposeConnection(nullptr);
   auto* const connection = new BareConnection;
   connection->may_be_destroyed_here = false;
-  const Gate disposed;
-  const Gate destroyed;
+  const Gate disposed, destroyed;
   connection->in_destructor = [disposed, destroyed, here = System::CurrentThreadId()] {
     EXPECT_TRUE(disposed.Wait());
     EXPECT_NE(System::CurrentThreadId(), here);

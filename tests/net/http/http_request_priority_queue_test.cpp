@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <list>
 #include <string>
 #include <vector>
 
@@ -11,11 +11,9 @@
 namespace orvan::net {
 namespace {
 
-// A step of a script: a priority is appended, under the letter a, b, c ... of its turn.
-constexpr int kPop = 1000;
-constexpr int kRemove = 2000;  // kRemove + n removes the n-th appended request
-
 TEST(HttpRequestPriorityQueueTest, OrdersByPriority) {
+  constexpr int kPop = 1000;     // a step; any other number is a priority that is appended, under the letter
+  constexpr int kRemove = 2000;  // a, b, c ... of its turn, or kRemove + the place of one to remove
   const struct {
     const char* says;
     std::vector<int> steps;
@@ -35,32 +33,27 @@ TEST(HttpRequestPriorityQueueTest, OrdersByPriority) {
       {"an absent request is no error", {0, kRemove + 0, kRemove + 0}, ""},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.says);
-    std::vector<std::unique_ptr<test::PlainRequest>> requests;
+    std::list<test::PlainRequest> requests;
     HttpRequestPriorityQueue queue;
     std::string popped;
     const auto pop = [&] {
       HttpRequest* const request = queue.PopNextRequest();
-      for (std::size_t i = 0; i < requests.size(); ++i) {
-        if (requests[i].get() == request) popped += static_cast<char>('a' + i);
-      }
+      if (request) popped += request->GetURL().toStdString();
       return request != nullptr;
     };
     for (const int step : row.steps) {
       if (step >= kRemove) {
-        queue.RemoveRequest(requests[static_cast<std::size_t>(step - kRemove)].get());
+        queue.RemoveRequest(&*std::next(requests.begin(), step - kRemove));
       } else if (step == kPop) {
         pop();
       } else {
-        requests.push_back(std::make_unique<test::PlainRequest>());
-        requests.back()->SetPriority(step);
-        queue.AppendRequest(requests.back().get());
+        requests.emplace_back(QString(QChar(static_cast<ushort>('a' + requests.size())))).SetPriority(step);
+        queue.AppendRequest(&requests.back());
       }
     }
     while (pop()) {
     }
-    EXPECT_EQ(popped, row.popped);
-    EXPECT_TRUE(queue.IsEmpty());
+    EXPECT_EQ(popped, row.popped) << row.says;
   }
 }
 
