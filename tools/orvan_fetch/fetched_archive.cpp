@@ -42,7 +42,7 @@ FetchedArchive::~FetchedArchive() { orvan::kmz::CloseZFile(zip_); }
 
 QByteArray FetchedArchive::Unpack(const orvan::kmz::ArchiveEntry& entry, QString* problem) const {
   bool ok = false;
-  const QByteArray bytes = orvan::kmz::UnzipEntry(zip_, entry, &ok);
+  QByteArray bytes = orvan::kmz::UnzipEntry(zip_, entry, &ok);
   problem->clear();
   if (ok) return bytes;
   if (entry.encrypted) {
