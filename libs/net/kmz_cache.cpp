@@ -122,8 +122,7 @@ void KmzCache::FindPathParts(const QString& path, std::vector<LeadingPart>* foun
   const int end = qMin(path.size(), PATH_MAX);
   for (int i = 0; i < end; ++i) {
     if (!IsSeparator(path.at(i))) continue;
-    const bool within_row =
-        i > 1 && i + 1 < end && path.at(i - 1) == path.at(i) && path.at(i + 1) == path.at(i);
+    const bool within_row = i > 1 && path.midRef(i - 1, 3) == QLatin1String("///");
     if (within_row) continue;
     const RefPtr<KmzCacheEntry> entry = Find(path.left(i));
     if (entry) found->push_back({i, entry});

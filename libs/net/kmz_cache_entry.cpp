@@ -203,10 +203,12 @@ void KmzCacheEntry::UpdateBytesInternal(const QByteArray& bytes, double expire_t
     expire_time_ = expire_time;
   }
   // Not a slip: nobody knows the names until the archive is read for the first time, although it is here.
+  // KmzCacheEntryTest.KnowsItsNamesFromTheFirstReadingOn holds this in place.
   file_names_.clear();
   last_frame_ = System::s_cur_frame.load(std::memory_order_relaxed);
   ReplaceBytesLocked(bytes);
   fingerprint_ = Fingerprint();
+  DropWriterLocked();
   if (!bytes_.isEmpty() && !loaded_from_disk_ && write_to_disk) StartWriterLocked();
   request_.swap(last_request);
 }
@@ -224,14 +226,12 @@ void KmzCacheEntry::CloseLocked() {
 }
 
 // --- The copy on disk
-// ---------------------------------------------------------------------------------------
 
 RefPtr<KmzFileWriterJob> KmzCacheEntry::MakeWriterLocked() const {
   return new KmzFileWriterJob(bytes_, file_name_);
 }
 
 void KmzCacheEntry::StartWriterLocked() {
-  DropWriterLocked();
   writer_job_ = MakeWriterLocked();
   cache_->GetJobContainer()->AddJob(writer_job_.get());
 }
@@ -242,6 +242,8 @@ void KmzCacheEntry::DropWriterLocked() {
 }
 
 bool KmzCacheEntry::HasCopyLocked() const {
+  // An older copy may stand there still.
+  if (writer_job_ && !writer_job_->succeeded()) return false;
   struct stat status {};
   return lstat(QFile::encodeName(file_name_).constData(), &status) == 0 && S_ISREG(status.st_mode) &&
          status.st_size == bytes_.size();
@@ -261,7 +263,6 @@ QByteArray KmzCacheEntry::ReadBackLocked() {
 }
 
 // --- Memory pressure
-// ----------------------------------------------------------------------------------------
 
 int KmzCacheEntry::GetLruFrame() {
   if (!lock_.trylock()) return System::s_cur_frame.load(std::memory_order_relaxed);
@@ -277,7 +278,7 @@ bool KmzCacheEntry::SecureCopy(bool demanded) {
   if (!lock_.trylock()) return false;
   RefPtr<KmzFileWriterJob> writer = writer_job_;
   const bool writing = writer && !writer->job_finished();
-  const bool secure = is_local_ || bytes_.isEmpty() || (!writing && HasCopyLocked());
+  const bool secure = is_local_ || bytes_.isEmpty() || HasCopyLocked();
   if (!secure && !writing) writer = MakeWriterLocked();
   lock_.unlock();
   if (secure) return true;
