@@ -30,7 +30,7 @@ struct RecordedRequest {
 };
 
 // What the server does with one request: steps, run in order on the thread of the connection, which then
-// waits for its next request. Bytes are sent exactly as given: a script may be as wrong as it likes.
+// waits for its next request. Bytes are sent exactly as given.
 //
 //   Script().Send("HTTP/1.1 200 OK\r\nContent-Le").Stall(gate).Send("ngth: 2\r\n\r\nok")
 class Script {
@@ -78,12 +78,11 @@ Script CutBody(std::string_view sent, uint64_t promised, bool reset = false);
 
 // An HTTP server on 127.0.0.1 and a free port, made for what a good server never does.
 //
-// Shape:   a thread that accepts and one for each connection, so idle connections that never send a byte
-//          (every preconnect is one) hold nobody up. HTTP/1.1 with keep-alive; bodies of requests are read by
-//          Content-Length before the script runs. A script is looked up by the target as sent, then by the
-//          target without its query, then it is the catch-all's, else 404.
+// Shape:   a thread that accepts and one for each connection, so idle connections (every preconnect is one)
+//          hold nobody up. Keep-alive; bodies of requests are read by Content-Length before the script runs.
+//          A script is looked up by the target as sent, then without its query, then it is Otherwise()'s.
 // Threads: any, and scripts may be changed at any time. The Wait... operations block without an event loop.
-// Errors:  the process ends with a message if there is no port, and if stopping takes 30 seconds.
+// Errors:  the process ends with a message.
 class LoopbackServer {
  public:
   LoopbackServer();

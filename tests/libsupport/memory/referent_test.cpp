@@ -65,41 +65,25 @@ struct Counted : WeakAtomicReferent {
 };
 
 TEST(WeakAtomicReferentTest, TheLastStepAndTheProxyExcludeEachOther) {
-  test::Watchdog watchdog(120, "weak revival race");
-  constexpr int kMaxRounds = 3000;
   QElapsedTimer elapsed;  // a loaded machine gets through fewer rounds
   elapsed.start();
-  std::atomic<bool> last{false};
-  std::atomic<int> started{-1}, asked{-1}, finished{-1};
-  const auto await = [](const std::atomic<int>& step, int round) {
-    while (step.load() < round) std::this_thread::yield();
-  };
-  RefPtr<PtrProxy> proxy;
-  std::thread asker([&] {
-    bool was_last = false;
-    for (int round = 0; !was_last; ++round) {
-      await(started, round);
-      was_last = last;
-      while (const auto* object = static_cast<const Counted*>(proxy->try_ptr_ref())) {
-        EXPECT_EQ(object->ends.load(), 0) << "a reference to an object that has ended";
-        object->unref();
-        asked = round;
-      }
-      finished = round;
-    }
-  });
-  for (int round = 0; !last; ++round) {
+  for (int round = 0; round < 1000 && !elapsed.hasExpired(1500); ++round) {
     Counted object;
     object.ref();
-    proxy = object.get_proxy();
-    last = round + 1 == kMaxRounds || elapsed.hasExpired(1500);
-    started = round;
-    await(asked, round);  // from here on the asker is in its loop
+    const RefPtr<PtrProxy> proxy = object.get_proxy();
+    std::atomic<bool> asked{false};
+    std::thread asker([&] {
+      while (const auto* given = static_cast<const Counted*>(proxy->try_ptr_ref())) {
+        EXPECT_EQ(given->ends.load(), 0) << "a reference to an object that has ended";
+        given->unref();
+        asked = true;
+      }
+    });
+    while (!asked) std::this_thread::yield();  // from here on the asker is in its loop
     object.unref();
-    await(finished, round);
+    asker.join();
     EXPECT_EQ(object.ends.load(), 1);
   }
-  asker.join();
 }
 
 TEST(DLinkTest, ADestroyedNodeLeavesItsList) {

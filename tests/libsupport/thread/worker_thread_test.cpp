@@ -104,7 +104,9 @@ TEST_F(WorkerThreadTest, AJobMayCancelItself) {
 TEST_F(WorkerThreadTest, TheDestructorCancelsWhatWaitsAndJoinsWhatRuns) {
   Job::s_destroyed = 0;
   std::atomic<bool> ended{false};
+  const Gate entered;
   Add([&, worker = worker_.get()](Job* self) {
+    entered.Open();
     EXPECT_TRUE(release_.Wait());
     EXPECT_TRUE(SpinUntil([&] { return worker->GetQueueLength() == 0; }))
         << "the destructor takes the rest away";
@@ -112,6 +114,7 @@ TEST_F(WorkerThreadTest, TheDestructorCancelsWhatWaitsAndJoinsWhatRuns) {
     EXPECT_EQ(self->getRefCount(), 1) << "that of the thread";
     ended = true;
   });
+  ASSERT_TRUE(entered.Wait());
   Add(MustNotRun);
   release_.Open();
   worker_.reset();

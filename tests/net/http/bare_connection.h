@@ -39,10 +39,8 @@ class BareConnection : public net::HttpConnection {
     return refusal;
   }
   unsigned int SendRequest(net::HttpRequest*) override { return net::kStatusFailed; }
-  bool MayBeDestroyedHere() const override { return may_be_destroyed_here; }
 
   unsigned int refusal = net::kStatusOk;
-  bool may_be_destroyed_here = true;
   std::function<void()> in_destructor;  // run when no callback can begin any more
 };
 

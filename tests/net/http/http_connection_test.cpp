@@ -8,7 +8,6 @@
 #include <thread>
 #include <vector>
 
-#include "orvan/support/thread/system.h"
 #include "tests/net/http/bare_connection.h"
 #include "tests/support/scripted_transport.h"
 #include "tests/support/wait.h"
@@ -30,12 +29,10 @@ class Receiver : public HttpRequest::Callback {
     delivered += request->GetURL().toStdString();
     entered.Open();
     EXPECT_TRUE(let_go.Wait());
-    if (then) then();
     return 0;
   }
   std::string delivered;
   const Gate entered, let_go;
-  std::function<void()> then;
 };
 
 // A request that is over, in the completed queue and nowhere else.
@@ -196,33 +193,6 @@ TEST_F(HttpConnectionTest, DestroyingItDeliversNothingMore) {
   connection.reset();
   EXPECT_EQ(receiver.delivered, "first");
   EXPECT_TRUE(NoneAlive());
-}
-
-TEST_F(HttpConnectionTest, ACallbackMayDestroyItsConnection) {
-  const int threads = test::CountThreads();
-  auto* const connection = new BareConnection;
-  Receiver receiver;
-  receiver.then = [&] { DisposeConnection(connection); };
-  for (int i = 0; i < 3; ++i) Complete(connection, "x", &receiver);
-  receiver.let_go.Open();
-  EXPECT_TRUE(SpinUntil(NoneAlive));
-  EXPECT_TRUE(SpinUntil([&] { return test::CountThreads() == threads; }));
-  EXPECT_EQ(receiver.delivered, "x");
-}
-
-TEST_F(HttpConnectionTest, DisposingWaitsForNobodyElsewhere) {
-  DisposeConnection(nullptr);
-  auto* const connection = new BareConnection;
-  connection->may_be_destroyed_here = false;
-  const Gate disposed, destroyed;
-  connection->in_destructor = [disposed, destroyed, here = System::CurrentThreadId()] {
-    EXPECT_TRUE(disposed.Wait());
-    EXPECT_NE(System::CurrentThreadId(), here);
-    destroyed.Open();
-  };
-  DisposeConnection(connection);
-  disposed.Open();
-  EXPECT_TRUE(destroyed.Wait());
 }
 
 }  // namespace

@@ -2,11 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
-
 #include "tests/net/http/bare_connection.h"
-#include "tests/support/wait.h"
 
 namespace orvan::net {
 namespace {
@@ -54,32 +50,6 @@ TEST(HttpRequestTest, AcceptsOneCharacterMore) {
   EXPECT_FALSE(accepts("Content-Type: image/png; charset=utf-8"));
   EXPECT_FALSE(accepts("Content-Type:"));
   EXPECT_FALSE(accepts("Server: x")) << "no type at all";
-}
-
-struct BlockingCallback : HttpRequest::Callback {
-  int RequestDone(HttpRequest*, void*) override {
-    entered.Open();
-    EXPECT_TRUE(let_go.Wait());
-    left = true;
-    return 7;
-  }
-  const test::Gate entered;
-  const test::Gate let_go;
-  std::atomic<bool> left{false};
-};
-
-TEST(HttpRequestTest, ClearingTheCallbackWaitsForARunningOne) {
-  PlainRequest request;
-  BlockingCallback callback;
-  request.SetCallback(&callback, nullptr);
-  std::thread invoker([&] { EXPECT_EQ(request.InvokeCallback(), 7); });
-  EXPECT_TRUE(callback.entered.Wait());
-  std::thread opener([&] { callback.let_go.Open(); });
-  request.SetCallback(nullptr, nullptr);
-  EXPECT_TRUE(callback.left);
-  EXPECT_EQ(request.InvokeCallback(), 0);
-  invoker.join();
-  opener.join();
 }
 
 }  // namespace
