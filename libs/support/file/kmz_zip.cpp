@@ -57,10 +57,9 @@ libdeflate_decompressor* GetDecompressor() {
 // Makes the pages of a large block few, before anyone touches them: page faults cost more than inflating.
 void AdviseHugePages(char* bytes, std::size_t size) {
   if (size < kHugePagesFrom) return;
-  const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-  const auto begin = (reinterpret_cast<std::uintptr_t>(bytes) + page - 1) / page * page;
-  const auto end = (reinterpret_cast<std::uintptr_t>(bytes) + size) / page * page;
-  madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);  // only advice: it may fail
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  const std::size_t ahead = page - reinterpret_cast<std::uintptr_t>(bytes) % page;
+  madvise(bytes + ahead, (size - ahead) / page * page, MADV_HUGEPAGE);  // only advice: it may fail
 }
 
 // Unpacks into `out`, which has to become exactly as long as the entry states. A lie costs address space,
