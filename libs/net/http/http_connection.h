@@ -37,7 +37,6 @@ class ORVAN_NET_EXPORT HttpConnection {
     // twice. A class whose hooks use fields of its own constructs itself with kUnregistered, and registers
     // last in its constructor and unregisters first in its destructor.
     RequestCallbacks();
-    virtual ~RequestCallbacks();
     RequestCallbacks(const RequestCallbacks&) = delete;
     RequestCallbacks& operator=(const RequestCallbacks&) = delete;
 
@@ -47,6 +46,7 @@ class ORVAN_NET_EXPORT HttpConnection {
     // and until the hook drops it the request also keeps alive what its owner tied to it.
     // `connection` may be on its way out: ask it for host(), port() and the like, and for nothing virtual.
     virtual bool PreCompleteRequest(HttpConnection* connection, HttpRequest* request) = 0;
+    virtual ~RequestCallbacks();  // behind the hooks: the order of virtual operations is agreed
 
    protected:
     enum Registration { kUnregistered };
