@@ -1,0 +1,306 @@
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <random>
+#include <thread>
+
+#include "tests/net/fetch_probe.h"
+#include "tests/net/kmz_bed.h"
+#include "tests/support/manual_clock.h"
+
+namespace orvan::net {
+namespace {
+
+using test::FetchProbe;
+using test::PumpUntil;
+
+class KmzFlowTest : public test::KmzBed {
+ protected:
+  KmzFlowTest() {
+    test::ZipMaker maker;
+    for (const char* name : {"doc.kml", "doc/b.png", "b.png", "a b.txt"}) maker.Add(name, name);
+    maker.Add("empty", "");
+    maker.Add({"bad", "damaged", true, 0xFFFF, 0, false, false, "another CRC"});
+    kmz_ = maker.Finish();
+    for (const char* path : paths_) server_.On(path, test::Ok(kmz_.toStdString()));
+    server_.On("/text.kmz", test::Ok("text"));
+    server_.On("/a.kmzz/b.png", test::Reply(404));
+    QDir().mkpath(Path("x.kmz"));
+    WriteFile(Path("x.kmz/y.kmz"), kmz_);
+  }
+  int CountRequests() const {
+    int count = 0;
+    for (const char* path : paths_) count += server_.Hits(path);
+    return count;
+  }
+  // $S is the server, $F the folder.
+  QString Full(const char* url) const {
+    return QString(url).replace("$S", server_.Url("")).replace("$F", folder_.path());
+  }
+  void Run(FetchProbe& probe, const char* url) {
+    probe.Start(Full(url));
+    ASSERT_TRUE(PumpUntil([&] { return probe.calls > 0; })) << url;
+  }
+
+  const char* const paths_[5] = {"/a.kmz", "/get", "/get%20it", "/text.kmz", "/a.kmzz/b.png"};
+  QByteArray kmz_;
+  WorkerThread worker_{"test worker"};
+};
+
+TEST_F(KmzFlowTest, AsksForWhatItHasNotAndServesTheRestFromTheCache) {
+  const struct {
+    const char* says;
+    const char* before;  // fetched first
+    const char* url;
+    int requests;
+    const char* bytes;
+    FetchState state = kFetchSuccess;
+    bool is_kmz = true;
+  } cases[] = {
+      {"an archive", "", "$S/a.kmz", 1, "doc.kml"},
+      {"a file of it", "", "$S/a.kmz/doc/b.png", 1, "doc/b.png"},
+      {"the same, cached", "$S/a.kmz", "$S/a.kmz/doc/b.png", 0, "doc/b.png"},
+      {"an anchor and an escape", "$S/a.kmz", "$S/a.kmz/A%20b.txt#part", 0, "a b.txt"},
+      {"a local archive", "", "$F/x.kmz/y.kmz", 0, "doc.kml"},
+      {"a file of it, past a folder of such a name", "", "$F/x.kmz/y.kmz/b.png", 0, "b.png"},
+      {"the same, cached, as a file URL", "$F/x.kmz/y.kmz", "file://$F/x.kmz/y.kmz/b.png", 0, "b.png"},
+      {"a query, cached, and a path behind it", "$S/get?id=7", "$S/get?id=7/b.png", 0, "b.png"},
+      {"a key with an escape", "$S/get%20it", "$S/get%20it/b.png", 0, "b.png"},
+      {"a query alone, cached", "$S/get?id=7", "$S/get?id=7", 0, "doc.kml"},
+      {"no zip data", "", "$S/text.kmz/b.png", 1, "text", kFetchSuccess, false},
+      {"more letters behind the name", "", "$S/a.kmzz/b.png", 1, "", 404, false},
+      {"a relative path is a plain file", "", "relative.kmz/doc.kml", 0, "", kFetchCannotOpen, false},
+      {"no such file in it", "", "$S/a.kmz/none", 1, "", kFetchCannotOpen},
+      {"an empty file in it", "", "$S/a.kmz/empty", 1, "", kFetchCannotOpen},
+      {"a damaged one", "", "$S/a.kmz/bad", 1, "", kFetchCannotOpen},
+      {"the others beside it", "$S/a.kmz/bad", "$S/a.kmz/b.png", 0, "b.png"},
+  };
+  for (const int way : {0, 1, 2, 3}) {
+    Fetcher::SetWorkerThread(way % 2 == 0 ? nullptr : &worker_);
+    for (const auto& row : cases) {
+      SCOPED_TRACE(row.says);
+      FetchProbe before, probe;
+      probe.params.async = way >= 2;
+      if (*row.before) Run(before, row.before);
+      const int requests = CountRequests();
+      Run(probe, row.url);
+      EXPECT_EQ(CountRequests() - requests, row.requests);
+      EXPECT_EQ(probe.state, row.state);
+      EXPECT_EQ(probe.bytes, row.bytes);
+      EXPECT_EQ(probe.fetcher->IsKmz(), row.is_kmz);
+      cache().CleanupCache();
+    }
+  }
+}
+
+TEST_F(KmzFlowTest, AsksAgainIfItMust) {
+  struct Store : FetchStore {
+    bool Load(const QUrl&, QByteArray*) override { return false; }
+    bool Save(const QUrl&, QByteArray*) override { return true; }
+    bool Contains(const QUrl& url) override { return url.path() == "/a.kmz/b.png"; }
+  } store;
+  Fetcher::FetchParams silent;
+  silent.url = Full("$S/a.kmz/b.png");
+  const RefPtr<Fetcher> first = Fetcher::fetch(silent, nullptr);
+  ASSERT_TRUE(PumpUntil([&] { return first->GetState() == kFetchSuccess; }));
+  EXPECT_EQ(first->GetByteArray(), kmz_) << "for nobody nothing is unpacked";
+  server_.On("/a.kmz", test::Ok(MakeKmz({{"b.png", "new"}}).toStdString()));
+  FetchProbe stored, dated, unstored, lost;
+  stored.params.store = unstored.params.store = &store;
+  stored.params.if_modified_since = dated.params.if_modified_since = "Sat, 05 Nov 1994 08:49:37 GMT";
+  dated.params.headers.emplace_back(RequestHeader::kAcceptTypes, "image/png");
+  unstored.params.use_cache = false;
+  Run(stored, "$S/a.kmz/b.png");
+  EXPECT_EQ(stored.bytes, "b.png") << "the store says that nobody is to be asked";
+  Run(dated, "$S/a.kmz/b.png");
+  EXPECT_EQ(dated.bytes, "new");
+  EXPECT_EQ(server_.LastRequest("/a.kmz").Header("Accept"), "image/png, " + kKmzMediaType.toStdString());
+  Run(unstored, "$S/a.kmz");
+  EXPECT_EQ(server_.Hits("/a.kmz"), 3) << "the store has not got it";
+  const RefPtr<KmzCacheEntry> entry = cache().Find(Full("$S/a.kmz"));
+  EXPECT_TRUE(entry->reclaim(kDemanded));
+  EXPECT_TRUE(QFile::remove(entry->file_name()));
+  Run(lost, "$S/a.kmz/b.png");
+  EXPECT_EQ(lost.state, kFetchCannotOpen) << "the copy was taken away";
+  EXPECT_EQ(server_.Hits("/a.kmz"), 3);
+}
+
+TEST_F(KmzFlowTest, SplitsReferencesAndTellsWhatItFound) {
+  const auto split = [](const QString& url) {
+    QString kmz_url = "-", kmz_path = "-";
+    EXPECT_FALSE(Fetcher::FindInKmz(url, kmz_url, kmz_path));
+    return kmz_url + "|" + kmz_path;
+  };
+  for (const char* url : {"http://h", "relative.kmz/b", ".kmz\\a:b"}) EXPECT_EQ(split(url), "-|-") << url;
+  cache().FindOrCreate("http://h/other");
+  for (const char* url : {"http://h/a.kmzz/b", ".kmz\\a:b"}) EXPECT_EQ(split(url), "|") << url;
+  EXPECT_EQ(split("http://h/a.KmZ\\b/c.kmz"), "http://h/a.KmZ|b/c.kmz");
+  EXPECT_EQ(split("http://h/a%2Ekmz/b%20c"), "http://h/a.kmz|b c");
+}
+
+TEST_F(KmzFlowTest, IsSilentAfterStopInEveryPhaseOfAnExtraction) {
+  Fetcher::SetWorkerThread(&worker_);
+  const test::Gate free;
+  FetchProbe queued, extracting, finishing, delivering;
+  const QString url = Full("$F/x.kmz/y.kmz/b.png");
+  test::ManualPump pump;
+  KeepBusy(&worker_, free);
+  queued.Start(url);
+  pump.Drain();  // reads the archive
+  EXPECT_EQ(worker_.GetQueueLength(), 1);
+  queued.fetcher->Stop();
+  test::HoldingContainer container;
+  free.Open();
+  extracting.Start(url);
+  pump.Drain();
+  ASSERT_TRUE(container.inside.Wait());
+  std::atomic<bool> stopping{false};
+  std::thread helper([&] {
+    EXPECT_TRUE(test::SpinUntil([&] { return stopping.load(); }));
+    container.go.Open();
+  });
+  stopping = true;
+  extracting.fetcher->Stop();
+  EXPECT_TRUE(container.went_on) << "nobody extracts any more";
+  helper.join();
+  for (FetchProbe* probe : {&finishing, &delivering}) {
+    EXPECT_TRUE(pump.DrainAll());
+    probe->Start(url);
+    pump.Drain();
+    const test::Gate over;
+    KeepBusy(&worker_, over);
+    EXPECT_EQ(pump.GetLength(), 1) << "its file is on the way";
+    if (probe == &delivering) pump.Drain();
+    EXPECT_EQ(probe->fetcher->GetByteArray(), probe == &delivering ? "b.png" : "");
+    probe->fetcher->Stop();
+    over.Open();
+  }
+  EXPECT_TRUE(pump.DrainAll());
+  for (const FetchProbe* probe : {&queued, &extracting, &finishing, &delivering}) {
+    EXPECT_EQ(probe->calls, 0);
+    EXPECT_EQ(probe->fetcher->GetState(), kFetchFetching);
+    EXPECT_EQ(probe->fetcher->getRefCount(), 1);
+  }
+}
+
+TEST_F(KmzFlowTest, WritesAFileCompletelyOrNotAtAll) {
+  const auto write = [](const char* path, const QString& target) {
+    return Fetcher::WriteBytesFromKmzToFile("http://h/a", path, target);
+  };
+  const QByteArray kmz = MakeKmz({{"a", "a"}, {"b", QByteArray(99999, 'b')}, {"c", ""}});
+  cache().FindOrCreate("http://h/a")->OpenZFile(kmz);
+  const QString old = WriteFile(Path("old"), "something longer"), target = Path("target");
+  EXPECT_TRUE(write("A", old));
+  EXPECT_EQ(ReadFile(old), "a");
+  for (const char* none : {"none", "c"}) EXPECT_FALSE(write(none, target));
+  for (const char* bad : {"$F/none/a", "$F", "/dev/full"}) EXPECT_FALSE(write("a", Full(bad))) << bad;
+  // The kernel's limit on file sizes stands in for a full disk.
+  struct rlimit limit {};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+  const struct rlimit small { 5000, limit.rlim_max };
+  const auto old_handler = signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  EXPECT_FALSE(write("b", target));
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  signal(SIGXFSZ, old_handler);
+  EXPECT_FALSE(QFile::exists(target));
+}
+
+TEST_F(KmzFlowTest, TwoFetchesOfOneArchiveBothAskAndTheLastAnswerWins) {
+  Fetcher::SetWorkerThread(&worker_);
+  const std::pair<QByteArray, const char*> seconds[] = {
+      {MakeKmz({{"a", "old"}}), "old"}, {MakeKmz({{"a", "new"}}), "new"}, {MakeKmz({{"b", "b"}}), ""}};
+  for (const auto& [second_kmz, bytes] : seconds) {
+    const test::Gate gates[2], free;
+    FetchProbe probes[2];
+    const int hits = server_.Hits("/a.kmz");
+    for (const int i : {0, 1}) {
+      const QByteArray& kmz = i == 0 ? seconds[0].first : second_kmz;
+      server_.On("/a.kmz", test::Script().Stall(gates[i]).Then(test::Ok(kmz.toStdString())));
+      probes[i].Start(server_.Url("/a.kmz/a"));
+      ASSERT_TRUE(server_.WaitForHits("/a.kmz", hits + i + 1));
+    }
+    KeepBusy(&worker_, free);
+    for (const int i : {0, 1}) {
+      gates[i].Open();
+      EXPECT_TRUE(PumpUntil([&] { return worker_.GetQueueLength() == i + 1; }));
+    }
+    free.Open();
+    for (const FetchProbe& probe : probes) {
+      EXPECT_TRUE(PumpUntil([&] { return probe.calls == 1; }));
+      EXPECT_EQ(probe.bytes, bytes);
+      EXPECT_EQ(probe.state, *bytes ? kFetchSuccess : kFetchCannotOpen);
+    }
+    cache().CleanupCache();
+  }
+}
+
+TEST_F(KmzFlowTest, ReadersGetOneArchiveOrTheOtherWhoeverInterferes) {
+  constexpr int kBytes = 300000, kReads = 500;
+  const QByteArray kmz[] = {MakeKmz({{"a", QByteArray(kBytes, 'o')}}, false),
+                            MakeKmz({{"a", QByteArray(kBytes, 'n')}}, false)};
+  std::atomic<int> running{4}, full{0}, wrong{0};
+  const auto read = [&] {
+    while (full < kReads) {
+      const QByteArray bytes = Fetcher::GetBytesFromKmz("http://h/a", "a");
+      if (!bytes.isEmpty()) ++(bytes.size() == kBytes && bytes.count(bytes[0]) == kBytes ? full : wrong);
+      std::this_thread::yield();
+    }
+    --running;
+  };
+  const auto change = [&](unsigned seed) {
+    for (std::mt19937 dice(seed); full < kReads;) {
+      const RefPtr<KmzCacheEntry> entry = cache().FindOrCreate("http://h/a");
+      entry->UpdateBytes(kmz[dice() % 2], 0, nullptr);
+      entry->ContainsFile("a");
+      if (dice() % 8 == 0) cache().Remove(entry->url());
+    }
+    --running;
+  };
+  MemoryReclaimer::SetBudget(1);
+  std::thread threads[] = {std::thread(read), std::thread(read), std::thread(change, 1),
+                           std::thread(change, 2)};
+  EXPECT_TRUE(PumpUntil([&] { return MemoryReclaimer::RunPass() >= 0 && running == 0; }, 200000));
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(KmzFlowTest, ManyArchivesStayWithinTheBudgetAndReadable) {
+  constexpr unsigned kArchives = 50;
+  constexpr qint64 kArchiveBytes = 4 * 1024 * 1024, kBudget = 64 * 1024 * 1024;
+  const auto content = [](unsigned archive) { return QByteArray(kArchiveBytes, static_cast<char>(archive)); };
+  std::vector<QString> urls;
+  for (unsigned i = 0; i < kArchives; ++i) {  // by turns the user's own, and a server's
+    const QByteArray kmz = MakeKmz({{"doc.kml", "main"}, {"a", content(i)}}, false);
+    const std::string path = "/" + std::to_string(i) + ".kmz";
+    urls.push_back(i % 2 == 0 ? WriteFile(Path(path.c_str() + 1), kmz) : server_.Url(path));
+    if (i % 2 != 0) server_.On(path, test::Ok(kmz.toStdString()));
+  }
+  Fetcher::SetWorkerThread(&worker_);
+  MemoryReclaimer::SetBudget(kBudget);
+  std::atomic<unsigned> fetched{0}, wrong{0};
+  const auto check = [&](unsigned i) { wrong += Fetcher::GetBytesFromKmz(urls[i], "a") != content(i); };
+  const auto read = [&](unsigned seed) {
+    std::mt19937 dice(seed);
+    for (unsigned known = 0; known < kArchives; known = fetched) {
+      if (known > 0) check(static_cast<unsigned>(dice() % known));
+    }
+  };
+  std::thread readers[] = {std::thread(read, 1), std::thread(read, 2)};
+  for (const QString& url : urls) {
+    System::s_cur_frame = static_cast<int>(fetched);
+    FetchProbe probe;
+    probe.Start(url);
+    EXPECT_TRUE(PumpUntil([&] { return probe.calls > 0; }));
+    EXPECT_EQ(probe.bytes, "main");
+    EXPECT_TRUE(PumpUntil([] { return MemoryReclaimer::GetTotalBytes() <= kBudget + kArchiveBytes; }));
+    ++fetched;
+  }
+  for (std::thread& reader : readers) reader.join();
+  for (unsigned i = 0; i < kArchives; ++i) check(i);
+  EXPECT_EQ(wrong, 0u);
+  EXPECT_TRUE(PumpUntil([] { return MemoryReclaimer::GetTotalBytes() <= kBudget; }));
+}
+
+}  // namespace
+}  // namespace orvan::net
