@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """Tests orvan-fetch from outside: orvan_fetch_test.py <path of the program> [<test>...]"""
+import email
 import http.server
 import io
 import json
@@ -40,6 +41,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
     release = threading.Event()
     archive = make_archive(("doc.kml", b"<kml/>"), ("images/a.png", b"picture"), ("empty", b""))
     archive_requests = []
+    sent = []  # method, headers and body of what was no GET
+
+    def do_POST(self):
+        body = self.rfile.read(int(self.headers.get("Content-Length") or 0))
+        Handler.sent.append((self.command, self.headers, body))
+        return self.answer(404 if self.path == "/missing" else 200, b"taken")
+
+    do_PUT = do_DELETE = do_POST
 
     def do_GET(self):
         path = self.path.split("?")[0]
@@ -182,6 +191,48 @@ class OrvanFetchTest(unittest.TestCase):
         self.run_tool("-o", "/dev/null", self.origin + "/a")
         self.assertFalse(os.path.isfile("/dev/null"))
 
+    def test_every_method_and_body_through_both_managers(self):
+        self.write("body", b"a\0b\n")
+        rows = [(["--data", "a=1", "-b", "x=1"], "POST", b"a=1", "application/x-www-form-urlencoded"),
+                (["--method", "put", "--data-file", "body"], "PUT", b"a\0b\n", "application/octet-stream"),
+                (["-d", "{}", "-H", "content-type: application/json"], "POST", b"{}", "application/json"),
+                (["--method", "POST"], "POST", b"", None), (["--method", "DELETE"], "DELETE", b"", None)]
+        for door in ("plain", "shared"):
+            for arguments, method, body, kind in rows:
+                with self.subTest((door, arguments)):
+                    Handler.sent.clear()
+                    (record,) = self.fetch_json("--manager", door, "-H", "X-One: 1", "-A", "me/1", *arguments,
+                                                self.origin + "/service#part")
+                    ((asked, headers, sent),) = Handler.sent
+                    self.assertEqual((asked, sent, headers["X-One"], headers["User-Agent"]), (method, body, "1", "me/1"))
+                    if kind:
+                        self.assertEqual(headers["Content-Type"], kind)
+                    self.assertEqual("x=1" in (headers["Cookie"] or ""), "-b" in arguments)
+                    self.assertEqual((record["ok"], record["state"], record["status"], record["bytes"], record["anchor"]),
+                                     (True, 2, "0x00000000", 5, "part"))
+                    self.assertEqual((record["content_type"], record["last_modified"]), ("text/plain", DATE))
+
+    def test_a_form_is_one_that_others_can_read(self):
+        self.write("Bild.JPG", b"\xff\xd8\0\r\n--")
+        self.run_tool("--manager", "shared", "--form", "title=Höhe", "--form", "empty=", "--form-file", "file=Bild.JPG",
+                      self.origin + "/upload")
+        (_, headers, body) = Handler.sent.pop()
+        form = email.message_from_bytes(b"Content-Type: " + headers["Content-Type"].encode() + b"\r\n\r\n" + body)
+        parts = [(part.get_param("name", header="Content-Disposition"), part.get_filename(), part.get_content_type(),
+                  part.get_payload(decode=True)) for part in form.get_payload()]
+        self.assertEqual(parts, [("title", None, "text/plain", "Höhe".encode()), ("empty", None, "text/plain", b""),
+                                 ("file", "Bild.JPG", "image/jpeg", b"\xff\xd8\0\r\n--\0")])
+
+    def test_managers_report_as_a_fetch_does(self):
+        for door, status in (("fetch", ""), ("plain", "0xC00A0194"), ("shared", "0xC00A0194")):
+            with self.subTest(door):
+                (record,) = self.fetch_json("--manager", door, self.origin + "/missing.kml", status=1)
+                self.assertEqual((record["ok"], record["state"], record["status"]), (False, 404, status))
+                (record,) = self.fetch_json("--manager", door, "-o", door + "/", self.origin + "/park.kml")
+                self.assertEqual((record["mime"], record["saved_as"]), ("kml", door + "/park.kml"))
+                (record,) = self.fetch_json("--manager", door, self.origin + "/cut", status=1)
+                self.assertIn("broke off", record["problem"])
+
     def test_bad_usage_is_one_line_and_two(self):
         url = self.origin + "/a"
         rows = [[], ["--no-such-option", url], ["-H", "no colon", url], ["-H", "A: b\r\nC: d", url], ["-b", "novalue", url],
@@ -189,10 +240,15 @@ class OrvanFetchTest(unittest.TestCase):
                 ["--if-modified-since", "yesterday", url], ["-o", "one", url, url], ["-o", "one", "--repeat", "2", url],
                 ["--secure-domain", "example.org", url], ["--cacert", "nowhere.pem", url], ["-i", "nowhere.txt"],
                 ["-i", os.devnull], ["-o", os.devnull + "/dir/", url], ["--list", "--extract-all", "d", url],
-                ["-o", "one", "--list", url], ["--extract-all", "", url], ["--extract-all", os.devnull + "/d", url]]
+                ["-o", "one", "--list", url], ["--extract-all", "", url], ["--extract-all", os.devnull + "/d", url], ["--data", "x", url], ["--method", "PUT", url], ["--manager", "x", url],
+                *[["--manager", "plain", *row] for row in (
+                    ["file.kml"], ["--async", url], ["--list", url], ["--no-cache", url], ["--method", "GET", "-d", "x", url],
+                    ["--form", "x", url], ["--form", 'a"=x', url], ["--form-file", "a=nowhere", url],
+                    ["--data-file", "nowhere", url], ["--form", "a=b", "-d", "x", url],
+                    ["--form", "a=b", "-H", "content-type: x", url], ["-i", "-", "--data-file", "-"])]]
         for row in rows:
             with self.subTest(row):
-                done = self.run_tool(*row, status=2)
+                done = self.run_tool(*row, status=2, input=b"http://127.0.0.1/")
                 self.assertEqual(done.stdout, b"")
                 self.assertRegex(done.stderr.decode(), r"^orvan-fetch: [^\n]+\n$")
 

@@ -12,6 +12,42 @@ constexpr int kHttpNotModified = 304;
 
 bool IsNetworkUrl(const QString& url) { return orvan::net::ServerInfo::IsHttp(QUrl(url).scheme(), true); }
 
+// A connection that breaks off in mid-body ends as a success without bytes, and without header lines. A real
+// answer has header lines, so the two can be told apart here; scripts rely on the exit status.
+void NoteBrokenAnswer(FetchRecord* record) {
+  if (record->IsEmptySuccess() && record->headers.isEmpty() && IsNetworkUrl(record->document_url)) {
+    record->problem = QStringLiteral("neither header lines nor bytes came: the answer broke off");
+  }
+}
+
+orvan::net::FetchState StateOf(unsigned int status) {
+  using namespace orvan::net;
+  switch (status) {
+    case kStatusFailed:
+      return kFetchInvalidRequest;
+    case kStatusNoConnection:
+      return kFetchNoConnection;
+    case kStatusOutOfMemory:
+      return kFetchOutOfMemory;
+    case kStatusUnacceptableType:
+      return kFetchUnexpectedType;
+    default:
+      break;
+  }
+  if (status >> 30 != kStatusSeverityError) return kFetchSuccess;
+  const bool is_http = (status & kStatusFacilityMask) == kStatusHttpFacility;
+  return is_http ? static_cast<int>(status & kStatusCodeMask) : kFetchUnknownError;
+}
+
+// The value of the first line with that name.
+QString HeaderValue(const QStringList& lines, const QString& name) {
+  for (const QString& line : lines) {
+    const int colon = line.indexOf(QLatin1Char(':'));
+    if (line.left(colon).compare(name, Qt::CaseInsensitive) == 0) return line.mid(colon + 1).trimmed();
+  }
+  return QString();
+}
+
 }  // namespace
 
 bool FetchRecord::IsGood(bool not_modified_is_good) const {
@@ -41,11 +77,26 @@ FetchRecord RecordOf(const orvan::net::Fetcher& fetch) {
   for (int i = 0; i < fetch.GetResponseHeaderCount(); ++i) {
     record.headers.append(fetch.GetResponseHeader(static_cast<unsigned long>(i)));
   }
-  // A connection that breaks off in mid-body ends as a success without bytes, and without header lines. A
-  // real answer has header lines, so the two can be told apart here; scripts rely on the exit status.
-  if (record.IsEmptySuccess() && record.headers.isEmpty() && IsNetworkUrl(record.document_url)) {
-    record.problem = QStringLiteral("neither header lines nor bytes came: the answer broke off");
+  NoteBrokenAnswer(&record);
+  return record;
+}
+
+FetchRecord RecordOf(const QUrl& url, const QByteArray& body, const orvan::net::ResponseInfo& info) {
+  FetchRecord record;
+  record.state = StateOf(info.status);
+  record.status = info.status;
+  record.document_url = url.toString(QUrl::RemoveFragment);
+  record.anchor = url.fragment();
+  record.bytes = body.size();
+  if (info.headers) {
+    for (const QString& line : info.headers->headers) record.headers.append(line);
   }
+  record.content_type = HeaderValue(record.headers, QStringLiteral("Content-Type"));
+  record.last_modified = HeaderValue(record.headers, QStringLiteral("Last-Modified"));
+  record.mime =
+      orvan::net::Fetcher::GetMimeTypeFromContentTypeOrUrl(record.content_type, record.document_url);
+  if (record.mime == orvan::net::kMimeNone) record.mime = orvan::net::kMimeOther;  // as a Fetcher has it
+  NoteBrokenAnswer(&record);
   return record;
 }
 

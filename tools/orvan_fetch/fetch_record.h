@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "orvan/net/fetcher.h"
+#include "orvan/net/manager/abstract_network_manager.h"
 
 namespace orvan_fetch {
 
@@ -19,9 +20,10 @@ struct FetchRecord {
   QString anchor;
   int mime = orvan::net::kMimeNone;
   qint64 bytes = 0;
-  bool is_kmz = false;   // it came out of an archive:
-  QString archive;       // from there,
-  QString archive_path;  // under this name; empty for the main document
+  bool is_kmz = false;                 // it came out of an archive:
+  QString archive;                     // from there,
+  QString archive_path;                // under this name; empty for the main document
+  std::optional<unsigned int> status;  // the status word, where the interface tells it
   QString content_type;
   QString last_modified;          // as the server or the file told it
   std::optional<double> expires;  // in seconds since 1970
@@ -41,6 +43,9 @@ struct FetchRecord {
 // Reads the result fields out of a fetch that has ended; url, run and seconds are left to the caller. Main
 // thread.
 FetchRecord RecordOf(const orvan::net::Fetcher& fetch);
+
+// The same of what a manager has brought for `url`. The state is the one that a Fetcher would tell.
+FetchRecord RecordOf(const QUrl& url, const QByteArray& body, const orvan::net::ResponseInfo& info);
 
 // "kml", "other" and so on, as reports call a media kind.
 QString NameOfMime(int mime);

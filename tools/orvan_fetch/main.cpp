@@ -13,7 +13,10 @@
 #include "orvan/net/fetcher.h"
 #include "orvan/net/http/http_connection_factory.h"
 #include "orvan/net/kmz_cache.h"
+#include "orvan/net/manager/cm_network_manager.h"
+#include "orvan/net/manager/network_manager.h"
 #include "orvan/net/net_init.h"
+#include "orvan/net/server/server_info.h"
 #include "orvan/support/file/kmz_zip.h"
 #include "orvan/support/thread/worker_thread.h"
 #include "tools/orvan_fetch/archive_task.h"
@@ -40,9 +43,11 @@ class LibraryInUse {
       orvan::net::Fetcher::SetWorkerThread(worker_.get());
     }
     if (options.https_upgrade) UpgradeToHttps(options);
+    OpenDoor(options);
   }
   // Every fetch has ended or was stopped before.
   ~LibraryInUse() {
+    manager_.reset();
     orvan::net::Fetcher::SetWorkerThread(nullptr);
     worker_.reset();
     orvan::net::Shutdown();
@@ -50,7 +55,23 @@ class LibraryInUse {
   LibraryInUse(const LibraryInUse&) = delete;
   LibraryInUse& operator=(const LibraryInUse&) = delete;
 
+  // Null for fetches through Fetcher.
+  orvan::net::AbstractNetworkManager* manager() const { return manager_.get(); }
+
  private:
+  void OpenDoor(const Options& options) {
+    if (options.door == Door::kFetcher) return;
+    // A user agent belongs to the server that is asked, and managers leave that to the default.
+    if (!options.user_agent.isEmpty()) orvan::net::ServerInfo::SetDefaultUserAgent(options.user_agent);
+    if (options.door == Door::kPlainManager) {
+      manager_ = std::make_unique<orvan::net::NetworkManager>();
+      return;
+    }
+    auto shared = std::make_unique<orvan::net::CmNetworkManager>();
+    // A cookie takes the place of the first line that there is: better this one than one of the user's.
+    shared->Init({QStringLiteral("Accept: */*")}, true);  // and callables on the main thread
+    manager_ = std::move(shared);
+  }
   // Processes that run at the same time must not share one. The cache makes it when it is needed, for us
   // alone, and removes it at the end.
   static QString OwnTemporaryDirectory() {
@@ -73,6 +94,7 @@ class LibraryInUse {
   }
 
   std::unique_ptr<orvan::WorkerThread> worker_;  // only for --async
+  std::unique_ptr<orvan::net::AbstractNetworkManager> manager_;
 };
 
 // Adds the authorities in the file to those that every connection trusts. False if there are none.
@@ -98,7 +120,7 @@ int Run(const Options& options) {
     return BadUsage(QStringLiteral("--cacert %1: no certificate to read there").arg(options.authority_file));
   }
   const LibraryInUse library(options);
-  Runner runner(options, &sink, &archives, &report);
+  Runner runner(options, library.manager(), &sink, &archives, &report);
   const Interrupts interrupts([&](int signal_number) { runner.Interrupt(kExitSignal + signal_number); });
   QTimer::singleShot(0, [&] { runner.Start(); });
   return QCoreApplication::exec();

@@ -4,12 +4,16 @@
 #include <QFileInfo>
 #include <cmath>
 
+#include "orvan/net/server/server_info.h"
 #include "orvan/net/url_text.h"
 
 namespace orvan_fetch {
 
 using orvan::net::Fetcher;
 using orvan::net::RequestHeader;
+using orvan::net::RequestOptions;
+using orvan::net::ResponseInfo;
+using orvan::net::ServerInfo;
 
 namespace {
 
@@ -22,8 +26,9 @@ QString WithAbsolutePath(const QString& url) {
 
 }  // namespace
 
-OneFetch::OneFetch(const Options& options, const QString& url, int run, Ended ended)
-    : options_(options), ended_(std::move(ended)) {
+OneFetch::OneFetch(const Options& options, orvan::net::AbstractNetworkManager* manager, const QString& url,
+                   int run, Ended ended)
+    : options_(options), manager_(manager), ended_(std::move(ended)) {
   record_.url = url;
   record_.run = run;
   time_out_.setSingleShot(true);
@@ -31,6 +36,7 @@ OneFetch::OneFetch(const Options& options, const QString& url, int run, Ended en
 
 OneFetch::~OneFetch() {
   if (fetch_) fetch_->Stop();
+  if (request_ != 0) manager_->Cancel(request_);
 }
 
 void OneFetch::Start() {
@@ -42,12 +48,43 @@ void OneFetch::Start() {
     time_out_.start(static_cast<int>(std::ceil(options_.timeout_seconds * 1000)));
   }
   clock_.start();
-  fetch_ = Fetcher::fetch(Params(), nullptr);
-  if (!fetch_) {
+  if (!(manager_ ? StartRequest() : StartFetch())) {
     QObject::connect(&time_out_, &QTimer::timeout,
                      [this] { GiveUp(QStringLiteral("could not be started")); });
     time_out_.start(0);
   }
+}
+
+bool OneFetch::StartFetch() {
+  fetch_ = Fetcher::fetch(Params(), nullptr);
+  return fetch_.get() != nullptr;
+}
+
+bool OneFetch::StartRequest() {
+  RequestOptions request;
+  request.method = options_.method;
+  request.post_data = options_.body.bytes;
+  request.keep_response_headers = true;
+  request.use_cache = options_.use_cache;
+  const auto add = [&](const QString& name, const QString& value) {
+    request.headers.insert(name.toLatin1(), value.toLatin1());
+  };
+  for (const QString& line : options_.header_lines) {
+    const int colon = line.indexOf(QLatin1Char(':'));
+    add(line.left(colon), line.mid(colon + 1).trimmed());
+  }
+  if (!options_.if_modified_since.isEmpty()) {
+    add(QStringLiteral("If-Modified-Since"), options_.if_modified_since);
+  }
+  for (const auto& cookie : options_.cookies) {
+    request.cookies.insert(cookie.first.toLatin1(), cookie.second.toLatin1());
+  }
+  const QUrl url = ServerInfo::QUrlFromQString(record_.url);
+  request_ = manager_->Request(url, request, [this, url](const QByteArray& body, const ResponseInfo& info) {
+    body_ = body;
+    End(RecordOf(url, body, info));
+  });
+  return request_ != 0;
 }
 
 Fetcher::FetchParams OneFetch::Params() {
@@ -81,6 +118,7 @@ void OneFetch::GiveUp(const QString& problem) {
     fetch_->Stop();
     result.state = fetch_->GetState();
   }
+  if (request_ != 0) manager_->Cancel(request_);
   End(result);
 }
 
@@ -92,6 +130,7 @@ void OneFetch::End(const FetchRecord& result) {
   record_.run = started.run;
   record_.seconds = static_cast<double>(clock_.nsecsElapsed()) / 1e9;
   fetch_ = nullptr;
+  request_ = 0;
   ended_(this);  // last: this object may be gone now
 }
 

@@ -6,12 +6,13 @@
 #include <functional>
 
 #include "orvan/net/fetcher.h"
+#include "orvan/net/manager/abstract_network_manager.h"
 #include "tools/orvan_fetch/fetch_record.h"
 #include "tools/orvan_fetch/options.h"
 
 namespace orvan_fetch {
 
-// One fetch from its start to its record.
+// One fetch, or request through a manager, from its start to its record.
 //
 // Threads:   main thread only.
 // Ownership: holds the fetch. The destructor stops it, and `ended` is not called then. `ended` may destroy
@@ -20,8 +21,9 @@ class OneFetch {
  public:
   using Ended = std::function<void(OneFetch*)>;
 
-  // `options` must outlive this object.
-  OneFetch(const Options& options, const QString& url, int run, Ended ended);
+  // `options` must outlive this object, and so must `manager`, which is null for a Fetcher.
+  OneFetch(const Options& options, orvan::net::AbstractNetworkManager* manager, const QString& url, int run,
+           Ended ended);
   ~OneFetch();
   OneFetch(const OneFetch&) = delete;
   OneFetch& operator=(const OneFetch&) = delete;
@@ -36,14 +38,19 @@ class OneFetch {
  private:
   static void FetchDone(orvan::net::Fetcher& fetch);
   orvan::net::Fetcher::FetchParams Params();
+  bool StartFetch();
+  bool StartRequest();
   void GiveUp(const QString& problem);
   void End(const FetchRecord& result);
 
   const Options& options_;
+  orvan::net::AbstractNetworkManager* const manager_;
   const Ended ended_;
   FetchRecord record_;
   QByteArray body_;
-  orvan::RefPtr<orvan::net::Fetcher> fetch_;  // null before Start() and after the end
+  // Null, and 0, before Start() and after the end; one of them always.
+  orvan::RefPtr<orvan::net::Fetcher> fetch_;
+  unsigned int request_ = 0;
   QElapsedTimer clock_;
   QTimer time_out_;
 };

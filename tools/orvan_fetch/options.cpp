@@ -4,16 +4,22 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <algorithm>
 #include <cstdio>
 #include <limits>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "orvan/net/server/server_info.h"
 #include "orvan/support/text/date_time.h"
 #include "tools/orvan_fetch/printable.h"
 
 namespace orvan_fetch {
+
+using orvan::net::ServerInfo;
+
 namespace {
 
 constexpr int kMostParallel = 100000;
@@ -41,6 +47,9 @@ struct Arguments {
   std::optional<std::string> extract_to;
   std::vector<std::string> header_lines;
   std::vector<std::string> cookies;
+  std::string manager = "fetch";
+  std::string method;
+  BodyArguments body;
   std::string user_agent;
   std::string if_modified_since;
   bool no_cache = false;
@@ -53,6 +62,32 @@ struct Arguments {
 CLI::Option* AddList(CLI::App* app, const std::string& name, std::vector<std::string>* values,
                      const std::string& text) {
   return app->add_option(name, *values, text)->allow_extra_args(false);
+}
+
+void DescribeDoors(CLI::App* app, Arguments* arguments) {
+  app->add_option("--manager", arguments->manager,
+                  "which interface of the library asks: fetch is the one for documents; plain makes a "
+                  "connection for each request, shared keeps a few, and both send any method and body")
+      ->capture_default_str()
+      ->type_name("NAME")
+      ->check(CLI::IsMember({"fetch", "plain", "shared"}));
+  app->add_option("--method", arguments->method, "GET, POST, PUT or DELETE (POST if there is a body)")
+      ->type_name("NAME")
+      ->transform(CLI::IsMember({"GET", "POST", "PUT", "DELETE"}, CLI::ignore_case));
+  auto* data = app->add_option("-d,--data", arguments->body.data, "send TEXT as the body")->type_name("TEXT");
+  auto* data_file =
+      app->add_option("--data-file", arguments->body.data_file, "send FILE as the body (-: standard input)")
+          ->type_name("FILE")
+          ->excludes(data);
+  AddList(app, "--form", &arguments->body.fields, "send a form with this field")
+      ->type_name("NAME=VALUE")
+      ->excludes(data)
+      ->excludes(data_file);
+  AddList(app, "--form-file", &arguments->body.files,
+          "send a form with this file, to which the library adds a NUL byte")
+      ->type_name("NAME=FILE")
+      ->excludes(data)
+      ->excludes(data_file);
 }
 
 void Describe(CLI::App* app, Arguments* arguments, Options* options) {
@@ -88,6 +123,7 @@ void Describe(CLI::App* app, Arguments* arguments, Options* options) {
   app->add_flag("--json", options->json, "report each fetch as a JSON object on one line");
   app->add_flag("--include", options->include_headers, "report the response headers too");
 
+  DescribeDoors(app, arguments);
   AddList(app, "-H,--header", &arguments->header_lines, "send this header line")->type_name("LINE");
   AddList(app, "-b,--cookie", &arguments->cookies, "send this cookie")->type_name("NAME=VALUE");
   app->add_option("-A,--user-agent", arguments->user_agent, "send this user agent")->type_name("TEXT");
@@ -217,6 +253,77 @@ QString TakeRequestFields(const Arguments& arguments, Options* options) {
   return QString();
 }
 
+bool HasHeader(const Options& options, const QString& name) {
+  return std::any_of(options.header_lines.begin(), options.header_lines.end(), [&](const QString& line) {
+    return line.section(QLatin1Char(':'), 0, 0).compare(name, Qt::CaseInsensitive) == 0;
+  });
+}
+
+// What only a Fetcher does, and what it does not.
+QString CheckDoor(const Arguments& arguments, const Options& options) {
+  const QString name = Text(arguments.manager);
+  if (options.door == Door::kFetcher) {
+    const char* const option = arguments.method.empty() ? arguments.body.Option() : "--method";
+    if (!option) return QString();
+    return QStringLiteral("%1 needs --manager plain or shared").arg(QLatin1String(option));
+  }
+  const char* const option = options.task == Task::kList         ? "--list"
+                             : options.task == Task::kExtractAll ? "--extract-all"
+                             : options.async                     ? "--async"
+                                                                 : nullptr;
+  if (option) return QStringLiteral("%1 needs --manager fetch, not %2").arg(QLatin1String(option), name);
+  if (options.door == Door::kPlainManager && !options.use_cache) {
+    return QStringLiteral("--no-cache: there is none with --manager plain");
+  }
+  for (const QString& url : options.urls) {
+    if (ServerInfo::IsHttp(ServerInfo::QUrlFromQString(url).scheme(), true)) continue;
+    return QStringLiteral("--manager %1 takes http and https URLs, not \"%2\"").arg(name, url);
+  }
+  return QString();
+}
+
+QString TakeBody(const Arguments& arguments, Options* options) {
+  const QString content_type = QStringLiteral("Content-Type");
+  const char* const option = arguments.body.Option();
+  if (!option) return QString();
+  const bool takes_body = options->method == orvan::net::kHttpPost || options->method == orvan::net::kHttpPut;
+  if (!takes_body) {
+    return QStringLiteral("%1: a %2 sends no body").arg(QLatin1String(option), Text(arguments.method));
+  }
+  if (arguments.body.data_file == "-" && arguments.list_file == "-") {
+    return QStringLiteral("-i - and --data-file - cannot both be standard input");
+  }
+  const bool typed = HasHeader(*options, content_type);
+  if (typed && arguments.body.IsForm()) {
+    return QStringLiteral("-H Content-Type: a form has one of its own");
+  }
+  const QString problem = MakeBody(arguments.body, &options->body);
+  if (problem.isEmpty() && !typed) {
+    options->header_lines.append(content_type + QStringLiteral(": ") +
+                                 QString::fromLatin1(options->body.type));
+  }
+  return problem;
+}
+
+// The door, and what goes through it.
+QString TakeDoor(const Arguments& arguments, Options* options) {
+  using orvan::net::HttpMethod;
+  static const std::map<std::string, Door> kDoors = {
+      {"fetch", Door::kFetcher}, {"plain", Door::kPlainManager}, {"shared", Door::kSharedManager}};
+  static const std::map<std::string, HttpMethod> kMethods = {{"GET", orvan::net::kHttpGet},
+                                                             {"POST", orvan::net::kHttpPost},
+                                                             {"PUT", orvan::net::kHttpPut},
+                                                             {"DELETE", orvan::net::kHttpDelete}};
+  options->door = kDoors.at(arguments.manager);
+  if (!arguments.method.empty()) {
+    options->method = kMethods.at(arguments.method);
+  } else if (arguments.body.Option()) {
+    options->method = orvan::net::kHttpPost;
+  }
+  const QString problem = CheckDoor(arguments, *options);
+  return problem.isEmpty() ? TakeBody(arguments, options) : problem;
+}
+
 }  // namespace
 
 int BadUsage(const QString& reason) {
@@ -247,6 +354,7 @@ bool ParseOptions(int argc, char** argv, Options* options, int* exit_status) {
   if (problem.isEmpty()) problem = TakeUrls(arguments, options);
   if (problem.isEmpty()) problem = TakeOutput(arguments, options);
   TakeTask(arguments, options);
+  if (problem.isEmpty()) problem = TakeDoor(arguments, options);
   if (problem.isEmpty()) return true;
   *exit_status = BadUsage(problem);
   return false;

@@ -1,9 +1,13 @@
 #pragma once
 
+#include <QByteArray>
 #include <QPair>
 #include <QString>
 #include <QStringList>
 #include <QVector>
+
+#include "orvan/net/http/http_types.h"
+#include "tools/orvan_fetch/request_body.h"
 
 namespace orvan_fetch {
 
@@ -12,6 +16,9 @@ enum class OutputPlace { kNowhere, kFile, kDirectory, kStandardOutput };
 
 // What is done with what comes.
 enum class Task { kFetch, kList, kExtractAll };
+
+// The interface of the library that is used.
+enum class Door { kFetcher, kPlainManager, kSharedManager };
 
 // What the command line asks for, checked as far as that goes without fetching anything.
 struct Options {
@@ -26,6 +33,9 @@ struct Options {
   bool json = false;
   bool include_headers = false;
 
+  Door door = Door::kFetcher;
+  orvan::net::HttpMethod method = orvan::net::kHttpGet;  // other ones and a body: not with kFetcher
+  RequestBody body;
   QStringList header_lines;
   QVector<QPair<QString, QString>> cookies;
   QString user_agent;

@@ -23,6 +23,10 @@ QString HttpDate(double seconds_since_1970) {
 
 QString Seconds(double seconds) { return QStringLiteral("%1 s").arg(seconds, 0, 'f', 3); }
 
+QString StatusWord(const FetchRecord& record) {
+  return record.status ? QString::asprintf("0x%08X", *record.status) : QString();
+}
+
 // What came, for people.
 QString KindOf(const FetchRecord& record) {
   if (record.entries >= 0) return QStringLiteral("archive with %1 entries").arg(record.entries);
@@ -117,6 +121,7 @@ QByteArray Report::AsText(const FetchRecord& record) const {
   if (!record.problem.isEmpty()) lines.append(record.problem);
   lines.append(
       QStringLiteral("state %1: %2").arg(record.state).arg(orvan::net::GetFetchStateText(record.state)));
+  if (record.status) lines.append(QStringLiteral("status word ") + StatusWord(record));
   // The library can guess a kind from the URL alone, which would only confuse where nothing came.
   lines.append(record.bytes == 0 && !good ? Seconds(record.seconds)
                                           : QStringLiteral("%1, %2 bytes, %3")
@@ -145,6 +150,7 @@ QByteArray Report::AsJson(const FetchRecord& record) const {
       {QStringLiteral("ok"), record.IsGood(!options_.if_modified_since.isEmpty())},
       {QStringLiteral("state"), record.state},
       {QStringLiteral("text"), orvan::net::GetFetchStateText(record.state)},
+      {QStringLiteral("status"), StatusWord(record)},
       {QStringLiteral("problem"), record.problem},
       {QStringLiteral("mime"), NameOfMime(record.mime)},
       {QStringLiteral("content_type"), record.content_type},

@@ -8,8 +8,14 @@
 
 namespace orvan_fetch {
 
-Runner::Runner(const Options& options, BodySink* sink, ArchiveTask* archives, Report* report)
-    : options_(options), sink_(sink), archives_(archives), report_(report), progress_(options.FetchCount()) {}
+Runner::Runner(const Options& options, orvan::net::AbstractNetworkManager* manager, BodySink* sink,
+               ArchiveTask* archives, Report* report)
+    : options_(options),
+      manager_(manager),
+      sink_(sink),
+      archives_(archives),
+      report_(report),
+      progress_(options.FetchCount()) {}
 
 void Runner::Start() {
   clock_.start();
@@ -20,8 +26,8 @@ void Runner::StartMore() {
   while (started_ < options_.FetchCount() && static_cast<int>(under_way_.size()) < options_.parallel) {
     const QString& url = options_.urls[started_ % options_.urls.size()];
     const int run = started_ / options_.urls.size() + 1;
-    auto fetch =
-        std::make_unique<OneFetch>(options_, url, run, [this](OneFetch* ended) { FetchEnded(ended); });
+    auto fetch = std::make_unique<OneFetch>(options_, manager_, url, run,
+                                            [this](OneFetch* ended) { FetchEnded(ended); });
     OneFetch* const starting = fetch.get();
     under_way_.emplace(starting, std::move(fetch));
     ++started_;

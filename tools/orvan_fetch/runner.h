@@ -18,8 +18,9 @@ namespace orvan_fetch {
 // Threads: main thread only.
 class Runner {
  public:
-  // All four must outlive this object.
-  Runner(const Options& options, BodySink* sink, ArchiveTask* archives, Report* report);
+  // All of them must outlive this object. `manager` is null for fetches through Fetcher.
+  Runner(const Options& options, orvan::net::AbstractNetworkManager* manager, BodySink* sink,
+         ArchiveTask* archives, Report* report);
 
   // Begins. The event loop ends with 0 if every fetch ended well, else with kExitFailed.
   void Start();
@@ -33,6 +34,7 @@ class Runner {
   void Leave(int exit_status);
 
   const Options& options_;
+  orvan::net::AbstractNetworkManager* const manager_;
   BodySink* const sink_;
   ArchiveTask* const archives_;
   Report* const report_;
