@@ -68,7 +68,7 @@ TEST_F(MemoryReclaimerTest, AsksTheLongestUnusedFirstAndStopsAtThreeQuarters) {
   const auto a = Make('a', 7, 300);
   const auto b = Make('b', 3, 300);
   const auto c = Make('c', 5, 300);
-  const auto empty = Make('e', -1, 0);
+  const auto never = Make('n', -1, 0);
   const auto d = Make('d', 9, 300);
   EXPECT_EQ(log_, "") << "never within the call that went over the budget";
   EXPECT_EQ(pump_.GetLength(), 1) << "one pass for all of it";
@@ -85,9 +85,6 @@ TEST_F(MemoryReclaimerTest, DemandsOnlyAboveTheBudgetAndOffersOncePerHalf) {
   const auto c = Make('c', 3, 600, refuse);
   EXPECT_EQ(MemoryReclaimer::RunPass(), 300);
   EXPECT_EQ(log_, "abcAB") << "c is not demanded from: 800 are within the budget";
-  log_.clear();
-  pump_.Drain();
-  EXPECT_EQ(log_, "") << "below the budget by now";
 }
 
 TEST_F(MemoryReclaimerTest, WhoeverBecomesReclaimableTooLateForAPassGetsAnother) {
@@ -113,7 +110,6 @@ TEST_F(MemoryReclaimerTest, AnObserverMayEndOrLeaveWithinItsOwnReclaim) {
     return self->Free();
   });
   EXPECT_EQ(MemoryReclaimer::RunPass(), 1300);
-  EXPECT_EQ(MemoryReclaimer::RunPass(), 0);
   EXPECT_EQ(log_, "ab");
 }
 

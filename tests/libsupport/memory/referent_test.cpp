@@ -65,6 +65,7 @@ struct Counted : WeakAtomicReferent {
 };
 
 TEST(WeakAtomicReferentTest, TheLastStepAndTheProxyExcludeEachOther) {
+  test::Watchdog watchdog(60, "weak revival race");
   QElapsedTimer elapsed;  // a loaded machine gets through fewer rounds
   elapsed.start();
   for (int round = 0; round < 1000 && !elapsed.hasExpired(1500); ++round) {

@@ -56,22 +56,6 @@ TEST_F(ConnectionCacheTest, UseDoesNotMoveTheFinalExpiry) {
   EXPECT_EQ(cache->GetEntryCount(), 1) << "a new entry has a new age";
 }
 
-TEST_F(ConnectionCacheTest, PurgeTakesTheEarliestAndTheFirstOfEqualOnes) {
-  const auto late = Make("late"), first = Make("first"), second = Make("second");
-  for (const auto* counter : {&late, &first, &second}) cache->RefreshOrAddConnection(counter->get());
-  clock.Advance(1.0);
-  cache->RefreshOrAddConnection(late.get());
-  // A counter with one reference is ours alone.
-  EXPECT_TRUE(cache->Purge());
-  EXPECT_EQ(first->getRefCount(), 1);
-  EXPECT_EQ(second->getRefCount(), 2);
-  EXPECT_TRUE(cache->Purge());
-  EXPECT_EQ(second->getRefCount(), 1);
-  EXPECT_EQ(late->getRefCount(), 2);
-  EXPECT_TRUE(cache->Purge());
-  EXPECT_FALSE(cache->Purge());
-}
-
 TEST_F(ConnectionCacheTest, TheDeleterGivesWayBetweenConnectionsAndStartsAtTheBack) {
   QStringList ended;
   transport.destroy_hook = [&ended](const ServerInfo& server) { ended << server.host(); };

@@ -135,17 +135,21 @@ TEST(QtTransportCompletionTest, HeaderLinesComeInOrderAndAllOfThem) {
 }
 
 TEST(QtTransportCompletionTest, ADomainThatRefusesEndsTheTransfer) {
+  constexpr size_t kMiB = 1 << 20;
   LoopbackServer server;
   server.On("/short", Ok(std::string(5000, 's')));
   server.On("/long", LargeBody(uint64_t{16} << 20));
-  server.On("/chunks", Chunked(std::vector<std::string>(6, kLong)));
+  const std::string unannounced = "HTTP/1.1 200 OK\r\n\r\n" + std::string(18 * kMiB, 'g');
+  server.On("/grows", Script().Drip(unannounced, 3 * kMiB, 20).Close());
   server.On("/boast",
             Script().Send("HTTP/1.1 200 OK\r\nContent-Length: 1099511627776\r\n\r\n" + kLong).Silent());
   static HeapManager domain(nullptr);  // domains live as long as the process
   Transport transport(server.port(), "127.0.0.1", false, QString(), &domain);
-  for (const char* const path : {"/short", "/long", "/chunks", "/boast"}) {
+  const std::pair<const char*, size_t> rows[] = {
+      {"/short", 4096}, {"/long", kMiB / 2}, {"/boast", kMiB / 2}, {"/grows", 16 * kMiB}};
+  for (const auto& [path, ceiling] : rows) {
     SCOPED_TRACE(path);
-    domain.SetCeiling(path == std::string("/short") ? 4096 : 512 * 1024);
+    domain.SetCeiling(ceiling);
     Exchange exchange(transport, path);
     ASSERT_TRUE(exchange.Run());
     EXPECT_EQ(exchange.status(), kStatusOutOfMemory);

@@ -90,17 +90,6 @@ TEST(QtTransportSendTest, OnlyPostAndPutSendABody) {
   }
 }
 
-TEST(QtTransportSendTest, AMethodWithoutAnOperationIsRefused) {
-  LoopbackServer server;
-  Transport transport(server.port());
-  Exchange exchange(transport, "/", kHttpMethodNone);
-  EXPECT_EQ(exchange.Send(), kStatusFailed);
-  EXPECT_EQ(exchange.status(), kStatusFailed);
-  EXPECT_EQ(exchange->getRefCount(), 1);
-  EXPECT_FALSE(transport.get()->GetAnyAsyncRequests());
-  EXPECT_FALSE(exchange.IsDone());
-}
-
 TEST(QtTransportSendTest, ACookieLineGoesOutWholeAndFeedsTheJar) {
   LoopbackServer server;
   server.Otherwise(Ok("ok"));
