@@ -1,5 +1,4 @@
-"""Prints requests that oauthlib has signed, a JSON list a line, from where its rules and those of our servers
-agree: plain paths, names and keys, and any text as a value."""
+"""Prints requests signed by oauthlib, a JSON list a line: plain paths, names and keys, any text as a value."""
 
 import json
 import random
@@ -21,8 +20,7 @@ for _ in range(600):
     items = [text(PLAIN, 1) + "=" + quote(text(VALUE), DELIMITERS) for _ in range(random.randint(0, 5))]
     url = f"{server}/{text(PLAIN)}/{text(PLAIN)}?{'&'.join(items)}"
     method = random.choice(list(METHODS))
-    key, nonce = text(PLAIN, 1), text(PLAIN, 1)
-    token, secret, callback, verifier = [text(SECRET) for _ in range(4)]
+    key, nonce, token, secret, callback, verifier = map(text, [PLAIN] * 2 + [SECRET] * 4, [1, 1, 0, 0, 0, 0])
     client = Client(key, key, token, secret, callback, verifier=verifier, nonce=nonce, timestamp="17")
     header = client.sign(url, method)[1]["Authorization"]
     fields = rules.collect_parameters(urlsplit(url).query, headers={"Authorization": header})

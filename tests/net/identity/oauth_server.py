@@ -1,5 +1,4 @@
-"""Trades a request token for an access token, if oauthlib finds that it was signed well. Prints its port, and
-ends with its standard input."""
+"""Trades a request token for an access token if oauthlib verifies it. Prints its port; ends with its input."""
 
 import http.server
 import sys
@@ -26,8 +25,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def do_POST(self):
         endpoint = AccessTokenEndpoint(Validator(), token_generator=iter(["access/token&=", "access%secret"]).__next__)
-        url = "http://" + self.headers["Host"] + self.path
-        _, body, status = endpoint.create_access_token_response(url, "POST", None, dict(self.headers))
+        _, body, status = endpoint.create_access_token_response(
+            "http://" + self.headers["Host"] + self.path, "POST", None, dict(self.headers))
         self.send_response(status)
         self.end_headers()
         self.wfile.write((body or "").encode())

@@ -45,11 +45,11 @@ TEST(CreateSigningStringTest, DiffersFromTheStandardWhereServersDo) {
         QString(row.rest)
             .replace("{5}", "oauth_consumer_key%3DCK%26{N}%26oauth_version%3D1.0")
             .replace("{N}", "oauth_nonce%3DN%26oauth_signature_method%3DHMAC-SHA1%26oauth_timestamp%3DT");
-    const auto sign = [&row](HttpMethod method) {
-      return CreateSigningString(QUrl(row.url), row.key, row.token, "any", "", "", "N", "T", method);
-    };
-    EXPECT_EQ(sign(kHttpGet), "GET&" + base) << row.says;
-    EXPECT_EQ(sign(kHttpMethodNone), base) << row.says;
+    for (const HttpMethod method : {kHttpGet, kHttpMethodNone}) {
+      EXPECT_EQ(CreateSigningString(QUrl(row.url), row.key, row.token, "any", "", "", "N", "T", method),
+                (method == kHttpGet ? "GET&" : "") + base)
+          << row.says;
+    }
   }
 }
 
@@ -57,10 +57,9 @@ TEST(CreateAuthHeaderTest, WritesTheFieldsInOneOrder) {
   System::SetTimeSourceForTest([] { return 1700000000.9; });
   System::SetRandomForTest([](int, int high) { return high; });
   const QUrl url("http://h/");
-  const auto [name, value] = CreateAuthHeader(url, "C\"/K", "T/K", "s", "c b", "v", kHttpPut);
+  const QString value = CreateAuthHeader(url, "C\"/K", "T/K", "s", "c b", "v", kHttpPut).second;
   System::SetTimeSourceForTest(nullptr);
   System::SetRandomForTest(nullptr);
-  EXPECT_EQ(name, "Authorization");
   EXPECT_EQ(
       value,
       "OAuth oauth_version=\"1.0\", oauth_nonce=\"9999999999999999\", oauth_signature_method=\"HMAC-SHA1\", "
