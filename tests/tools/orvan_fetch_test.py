@@ -145,6 +145,15 @@ class OrvanFetchTest(unittest.TestCase):
         for line in ("User-Agent: me/1", "X-One: 1", "X-Two: 2", "a=1"):
             self.assertIn(line, seen)
 
+    def test_signs_alike_with_and_without_a_fetch(self):
+        self.write("keys", b"consumer_key=openguest\ntoken=T/K\ntoken_secret=secret\n")
+        url = self.origin + "/echo?b=1&a=x%20y"
+        done = self.run_tool("--sign", self.origin, "--credentials", "keys", "-o", "-", url)
+        sent = next(line for line in done.stdout.decode().splitlines() if line.startswith("Authorization: "))
+        nonce, time = sent.split('"')[3:8:4]
+        done = self.run_tool("sign", "--credentials", "keys", "--nonce", nonce, "--timestamp", time, url)
+        self.assertEqual(done.stdout.decode().strip(), sent)
+
     def test_standard_output_takes_bodies_alone_in_the_order_given(self):
         done = self.run_tool("-o", "-", self.origin + "/a", self.origin + "/b")
         self.assertEqual(done.stdout, b"body of /abody of /b")

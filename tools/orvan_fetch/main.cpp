@@ -9,6 +9,7 @@
 #include <QSslConfiguration>
 #include <QTextCodec>
 #include <QTimer>
+#include <cstring>
 
 #include "orvan/net/fetcher.h"
 #include "orvan/net/http/http_connection_factory.h"
@@ -25,6 +26,7 @@
 #include "tools/orvan_fetch/options.h"
 #include "tools/orvan_fetch/report.h"
 #include "tools/orvan_fetch/runner.h"
+#include "tools/orvan_fetch/sign.h"
 
 namespace orvan_fetch {
 namespace {
@@ -115,6 +117,8 @@ int Run(const Options& options) {
   ArchiveTask archives(options, &report);
   QString problem = sink.Prepare();
   if (problem.isEmpty()) problem = archives.Prepare();
+  FetchSigner signer;
+  if (problem.isEmpty()) problem = signer.Prepare(options.signer);
   if (!problem.isEmpty()) return BadUsage(problem);
   if (!options.authority_file.isEmpty() && !TrustAuthorities(options.authority_file)) {
     return BadUsage(QStringLiteral("--cacert %1: no certificate to read there").arg(options.authority_file));
@@ -132,6 +136,7 @@ int Run(const Options& options) {
 int main(int argc, char** argv) {
   // File names and arguments are UTF-8, also where the locale is the bare "C" of a container or a CI job.
   QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+  if (argc > 1 && std::strcmp(argv[1], "sign") == 0) return orvan_fetch::Sign(argc - 1, argv + 1);
   orvan_fetch::Options options;
   int exit_status = 0;
   if (!orvan_fetch::ParseOptions(argc, argv, &options, &exit_status)) return exit_status;

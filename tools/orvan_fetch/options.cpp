@@ -35,7 +35,8 @@ const char kDescription[] =
     "too:\n"
     "http://host/get?id=7 http://host/get?id=7/images/b.png";
 const char kFooter[] =
-    "\nExit status: 0 if every fetch ended well, 1 if one failed, 2 for bad usage, 130 after Ctrl-C.\n"
+    "\n\"orvan-fetch sign URL\" prints an OAuth 1 signature (orvan-fetch sign --help).\n"
+    "Exit status: 0 if every fetch ended well, 1 if one failed, 2 for bad usage, 130 after Ctrl-C.\n"
     "With --if-modified-since, \"not modified\" counts as well.";
 
 // The command line as it was typed, before anything is made of it.
@@ -131,6 +132,8 @@ void Describe(CLI::App* app, Arguments* arguments, Options* options) {
                   "fetch only what is newer, as in \"Tue, 01 Jul 2025 10:00:00 GMT\"")
       ->type_name("DATE");
   app->add_flag("--no-cache", arguments->no_cache, "do not read or write caches");
+
+  DescribeSigner(app, &options->signer);
 
   app->add_flag("--async", options->async, "start each fetch on a worker thread");
   app->add_option("--parallel", options->parallel, "at most so many fetches at a time")

@@ -8,6 +8,7 @@
 
 #include "orvan/net/http/http_types.h"
 #include "tools/orvan_fetch/request_body.h"
+#include "tools/orvan_fetch/sign.h"
 
 namespace orvan_fetch {
 
@@ -43,6 +44,7 @@ struct Options {
   bool use_cache = true;
   bool async = false;
 
+  SignerArguments signer;
   bool https_upgrade = false;
   QStringList secure_domains;
   QStringList insecure_hosts;
