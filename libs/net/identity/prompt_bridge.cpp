@@ -168,7 +168,8 @@ void PromptBridge::Close() { state_->Close(); }
 
 bool PromptBridge::QueryUsernameAndPassword(const QString& prompt, QString& username, QString& password,
                                             bool* save) {
-  const Answer answer = System::IsMainThread() ? state_->AskHere(prompt) : state_->AskAndWait(prompt);
+  const std::shared_ptr<State> state = state_;  // the bridge may go while we wait
+  const Answer answer = System::IsMainThread() ? state->AskHere(prompt) : state->AskAndWait(prompt);
   if (!answer.given) return false;
   username = answer.username;
   password = answer.password;

@@ -16,17 +16,16 @@ namespace orvan::net {
 //   HttpConnectionFactory::SetUsernamePasswordQueryHandler(&bridge);
 //
 // Shape:     one question is shown at a time. Workers that ask the same while it is open, as the connections
-// to
-//            one server do, get the same answer. A question that was answered several times within a minute
-//            and is asked once more has failed: it is declined by itself. What was declined stays declined
-//            for a while.
+//            to one server do, get the same answer. A question that was answered several times within a
+//            minute and is asked once more has failed: it is declined by itself. What was declined stays
+//            declined for a while. The prompt's text is all that tells one question from another.
 // Units:     seconds on the clock of System::getTime().
 // Threads:   QueryUsernameAndPassword() on the library's workers; all else on the main thread, which never
 //            waits for a user here. It needs a main thread that runs its event loop.
 // Ownership: made and owned by the application. The destructor takes the bridge back from
 //            HttpConnectionFactory, and waits for workers that have just been told that nobody answers.
 // Errors:    whatever prevents an answer counts as declined: the request ends with the error of its
-// challenge.
+//            challenge.
 class ORVAN_NET_EXPORT PromptBridge : public IUsernamePasswordQueryHandler {
  public:
   // What the user said. Declined unless `given`.

@@ -18,9 +18,9 @@ class IUsernamePasswordQueryHandler;
 // Threads:   Ask() and Abandon() on one thread, which hears of the answer by an event; the accessors there as
 //            well, once IsAnswered().
 // Ownership: shared with the keychain's thread, so that whoever asks may go before the answer comes.
-// Errors:    without a keychain that answers, such as no session bus, the answer is a failure. A keychain
-// that
-//            takes its time is waited for without a limit, and holds up the questions behind it.
+// Errors:    without a keychain (no session bus, no service on it, a locked collection) the answer is a
+//            failure. One that takes its time is waited for without a limit, and holds up the questions
+//            behind it.
 class KeychainQuestion {
  public:
   enum class Verb { kRead, kWrite, kDelete };

@@ -16,10 +16,24 @@ namespace orvan::net {
 
 namespace {
 
+constexpr int kProxyAuthenticationRequired = 407;
+// As many sockets as Qt opens to one server. So an answer that is wrong is not tried without end, should the
+// address of an authenticator say nothing.
+constexpr std::size_t kMostSockets = 6;
+
 std::shared_ptr<KeychainQuestion> MakeQuestion(KeychainQuestion::Verb verb, const QString& host,
                                                const QString& realm, const QString& text = QString()) {
   return std::make_shared<KeychainQuestion>(verb, QCoreApplication::applicationName(),
                                             JoinTwoStrings(host, realm), text);
+}
+
+std::pair<QString, QString> FilledIn(const QAuthenticator& authenticator) {
+  return {authenticator.user(), authenticator.password()};
+}
+
+void SetAnswer(const std::pair<QString, QString>& answer, QAuthenticator* authenticator) {
+  authenticator->setUser(answer.first);
+  authenticator->setPassword(answer.second);
 }
 
 // Ends a local event loop when the answer is there.
@@ -64,11 +78,16 @@ void QtHttpConnection::OnAuthenticationRequestSlot(QNetworkReply* reply, QAuthen
                   "Prompt for user to enter their username and password to access the site "
                   "named by the %1 parameter")
           .arg(host);
-  Answers answers = reply_answers_.value(reply);
+  const Challenge challenge(host, authenticator->realm());
+  const QMap<Challenge, Credentials> earlier = reply_answers_.value(reply);
+  const auto refused = earlier.constFind(challenge);
   QNetworkReply* const outer = std::exchange(challenged_reply_, reply);
-  AnswerChallenge(host, prompt, &answers, authenticator);
+  const auto answer =
+      FindAnswer(challenge, prompt, refused == earlier.constEnd() ? nullptr : &*refused, *authenticator);
   challenged_reply_ = outer;
-  if (replies_.contains(reply)) reply_answers_.insert(reply, answers);  // else it ended meanwhile
+  if (!answer) return;
+  SetAnswer(*answer, authenticator);
+  if (replies_.contains(reply)) reply_answers_[reply][challenge] = *answer;  // else it ended meanwhile
 }
 
 void QtHttpConnection::OnProxyAuthenticationRequestSlot(QNetworkProxy proxy, QAuthenticator* authenticator) {
@@ -80,62 +99,70 @@ void QtHttpConnection::OnProxyAuthenticationRequestSlot(QNetworkProxy proxy, QAu
                   "Prompt for user to enter their username and password to access the proxy "
                   "server named by the %1 parameter")
           .arg(host);
-  AnswerChallenge(host, prompt, &proxy_answers_, authenticator);
-}
-
-// Whether a challenge is the first one or says that an answer was refused cannot be told from what Qt fills
-// in: that may be what another realm was answered with, and is nothing at all for a proxy that is asked for a
-// tunnel. So we remember what we answered. What Qt fills in counts if the keychain has the same: then it was
-// tried, and is out of date.
-void QtHttpConnection::AnswerChallenge(const QString& host, const QString& prompt, Answers* answers,
-                                       QAuthenticator* authenticator) {
-  const QString realm = authenticator->realm();
-  const Challenge challenge(host, realm);
-  QString username;
-  QString password;
-  const auto refused = answers->constFind(challenge);
-  if (refused != answers->constEnd()) {
-    username = refused->first;
-    password = refused->second;
-  } else if (!authenticator->user().isEmpty() || !authenticator->password().isEmpty()) {
-    const bool stored = ReadKeychain(host, realm, &username, &password);
-    if (!stored || username != authenticator->user() || password != authenticator->password()) {
-      username.clear();
-      password.clear();
-    }
-  }
-
-  if (!GetUsernameAndPassword(host, realm, username, password, prompt)) {
-    answers->remove(challenge);
+  const Challenge challenge(host, authenticator->realm());
+  const ProxyAnswer latest = proxy_answers_.value(challenge);
+  const bool known = !latest.given_to.empty();
+  // Each socket is challenged by itself, and knows nothing of what another was given a moment ago.
+  const bool untried = known && latest.given_to.size() < kMostSockets &&
+                       latest.given_to.count(authenticator) == 0 && latest.pair != FilledIn(*authenticator);
+  const auto answer =
+      untried ? latest.pair : FindAnswer(challenge, prompt, known ? &latest.pair : nullptr, *authenticator);
+  if (!answer) {
+    proxy_answers_.remove(challenge);
     return;
   }
-  answers->insert(challenge, {username, password});
-  authenticator->setUser(username);
-  authenticator->setPassword(password);
+  SetAnswer(*answer, authenticator);
+  ProxyAnswer& entry = proxy_answers_[challenge];
+  if (entry.pair != *answer) entry = {*answer, {}};
+  entry.given_to.insert(authenticator);
+}
+
+// What to try, or nothing. `earlier` is what this challenge was answered with before, or null.
+//
+// Whether a challenge is the first one or says that an answer was refused cannot be told from what Qt fills
+// in: that may be what another realm was answered with, and is nothing at all for a proxy that is asked for a
+// tunnel. So we remember what we answered. And we look at what is stored before we delete it, because it may
+// be what Qt has just tried of its own accord.
+std::optional<QtHttpConnection::Credentials> QtHttpConnection::FindAnswer(
+    const Challenge& challenge, const QString& prompt, const Credentials* earlier,
+    const QAuthenticator& authenticator) {
+  const auto& [host, realm] = challenge;
+  const Credentials none;
+  const Credentials tried = FilledIn(authenticator);
+  bool refused = earlier && (tried == none || tried == *earlier);
+
+  Credentials pair;
+  bool given = !refused && ReadKeychain(host, realm, &pair.first, &pair.second);
+  // Qt takes an empty pair for no answer and ends the request, so there is no use in trying a stored one.
+  if (given && (pair == none || pair == tried)) refused = true;
+  if (refused || !given) given = AskUser(host, realm, prompt, refused, &pair.first, &pair.second);
+  return given ? std::optional<Credentials>(pair) : std::nullopt;
 }
 
 bool QtHttpConnection::GetUsernameAndPassword(const QString& host, const QString& realm, QString& username,
                                               QString& password, const QString& prompt) {
-  const ChallengeScope scope(this);
-  if (!username.isEmpty() || !password.isEmpty()) {
-    // Not a slip: the stored pair goes even if nobody can be asked for a better one.
-    DeleteUsernameAndPassword(host, realm);
-  } else if (ReadKeychain(host, realm, &username, &password)) {
-    return true;
-  }
-  username.clear();
-  password.clear();
+  const bool refused = !username.isEmpty() || !password.isEmpty();
+  if (!refused && ReadKeychain(host, realm, &username, &password)) return true;
+  return AskUser(host, realm, prompt, refused, &username, &password);
+}
+
+bool QtHttpConnection::AskUser(const QString& host, const QString& realm, const QString& prompt, bool refused,
+                               QString* username, QString* password) {
+  // Not a slip: the refused pair goes even if nobody can be asked for a better one.
+  // ChallengeTest.WhateverARealmIsItemsStayWholeAndSeparate holds this in place.
+  if (refused) DeleteUsernameAndPassword(host, realm);
+  username->clear();
+  password->clear();
   bool save = false;
-  if (!AskHandler(prompt, &username, &password, &save)) return false;
+  if (!CallHandler(prompt, username, password, &save)) return false;
   if (!save) return true;
   // Whether it could be kept makes no difference to this request.
   static_cast<void>(WaitForKeychain(
-      MakeQuestion(KeychainQuestion::Verb::kWrite, host, realm, StoreTwoStringsInOne(username, password))));
+      MakeQuestion(KeychainQuestion::Verb::kWrite, host, realm, StoreTwoStringsInOne(*username, *password))));
   return true;
 }
 
 void QtHttpConnection::DeleteUsernameAndPassword(const QString& host, const QString& realm) {
-  const ChallengeScope scope(this);
   static_cast<void>(WaitForKeychain(MakeQuestion(KeychainQuestion::Verb::kDelete, host, realm)));
 }
 
@@ -155,7 +182,7 @@ bool QtHttpConnection::ReadKeychain(const QString& host, const QString& realm, Q
   return question->succeeded();
 }
 
-bool QtHttpConnection::AskHandler(const QString& prompt, QString* username, QString* password, bool* save) {
+bool QtHttpConnection::CallHandler(const QString& prompt, QString* username, QString* password, bool* save) {
   const bool cancelled = challenged_reply_ && !replies_.contains(challenged_reply_);
   const QueryHandlerUse use;
   if (cancelled || leaving_ || !use.handler() || !gate_->EnterHandler()) return false;
@@ -167,10 +194,14 @@ bool QtHttpConnection::AskHandler(const QString& prompt, QString* username, QStr
 // False if the connection has to go first; the question is answered nevertheless.
 bool QtHttpConnection::WaitForKeychain(const std::shared_ptr<KeychainQuestion>& question) {
   if (leaving_) return false;
+  const ChallengeScope scope(this);
   QEventLoop loop;
   AnswerReceiver receiver(&loop);
   challenge_loops_.push_back(&loop);
   KeychainQuestion::Ask(question, &receiver);
+  // Events that were posted before the one that we are in do not start up a nested loop: without a new one, a
+  // cancel among them would wait for the keychain.
+  gate_->Wake();
   loop.exec();
   challenge_loops_.pop_back();
   question->Abandon();
@@ -188,6 +219,7 @@ void QtHttpConnection::EndChallenge() {
 }
 
 void QtHttpConnection::DropReply(QNetworkReply* reply) {
+  TakeProxyVerdict(*reply);
   reply_answers_.remove(reply);
   if (challenge_depth_ > 0) {
     parked_replies_.push_back(reply);
@@ -196,9 +228,10 @@ void QtHttpConnection::DropReply(QNetworkReply* reply) {
   }
 }
 
-// A reply that the proxy let through, whatever became of it, says that the proxy took its answers.
+// An exchange that a server has answered says that the proxy took what it was given for it.
 void QtHttpConnection::TakeProxyVerdict(const QNetworkReply& reply) {
-  if (reply.error() != QNetworkReply::ProxyAuthenticationRequiredError) proxy_answers_.clear();
+  const int code = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+  if (code != 0 && code != kProxyAuthenticationRequired) proxy_answers_.clear();
 }
 
 }  // namespace orvan::net

@@ -119,7 +119,6 @@ void QtHttpConnection::RequestFinishedSlot() {
   auto* const reply = qobject_cast<QNetworkReply*>(sender());
   QtHttpRequest* const request = replies_.value(reply);
   if (!request) return;  // none of ours; it is left alone
-  TakeProxyVerdict(*reply);
 
   const bool cancelled = request->phase_ == QtHttpRequest::kCancelled;
   const bool redirected = !cancelled && JudgeHead(*request, *reply) == Fate::kFollow;

@@ -19,6 +19,7 @@ constexpr unsigned int kLookMs = 100;
 
 QtHttpConnection::~QtHttpConnection() {
   StopCallbacks();  // the base joins that thread; it ends while the worker does
+  (void)gate_->BarHandler();
   if (QThread::currentThread() != worker_thread_.get()) {
     LeaveWorker();
     return;
@@ -38,7 +39,8 @@ void QtHttpConnection::LeaveWorker() {
       gate_->Post({SendGate::Verb::kLeave, nullptr, QThread::currentThread(), ticket})) {
     while (QCoreApplication::instance()) {
       if (ticket->WaitFor(kLookMs)) return;
-      gate_->Wake();  // between two application objects the event may have been lost
+      // Between two application objects the event may have been lost. While the user is asked none is needed.
+      if (gate_->BarHandler()) gate_->Wake();
     }
   }
   // Without an application object no event reaches the worker. It has to end first; then everything on it may

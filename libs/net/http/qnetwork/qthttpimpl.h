@@ -15,6 +15,8 @@
 #include <QUrl>
 #include <atomic>
 #include <memory>
+#include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -156,9 +158,13 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   // What becomes of a response, as far as its head tells: its body is the caller's, or thrown away; its
   // redirect is followed, or ends the request.
   enum class Fate { kBody, kErrorPage, kFollow, kRefuse };
-  // Host and realm of a challenge, and the user name and password that it was answered with.
-  using Challenge = std::pair<QString, QString>;
-  using Answers = QMap<Challenge, std::pair<QString, QString>>;
+  using Challenge = std::pair<QString, QString>;    // host and realm
+  using Credentials = std::pair<QString, QString>;  // user name and password
+  // The latest answer to a proxy, and those who were given it, by address.
+  struct ProxyAnswer {
+    Credentials pair;
+    std::set<const QAuthenticator*> given_to;
+  };
 
   // Caller's thread.
   void PrepareForWire(QtHttpRequest* request) const;
@@ -181,10 +187,12 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
 
   // Worker thread, within the two slots for challenges.
   class ChallengeScope;
-  void AnswerChallenge(const QString& host, const QString& prompt, Answers* answers,
-                       QAuthenticator* authenticator);
+  std::optional<Credentials> FindAnswer(const Challenge& challenge, const QString& prompt,
+                                        const Credentials* earlier, const QAuthenticator& authenticator);
   bool ReadKeychain(const QString& host, const QString& realm, QString* username, QString* password);
-  bool AskHandler(const QString& prompt, QString* username, QString* password, bool* save);
+  bool AskUser(const QString& host, const QString& realm, const QString& prompt, bool refused,
+               QString* username, QString* password);
+  bool CallHandler(const QString& prompt, QString* username, QString* password, bool* save);
   bool WaitForKeychain(const std::shared_ptr<KeychainQuestion>& question);
   void PutOffLeaving();
   void EndChallenge();
@@ -205,12 +213,12 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   QHash<QNetworkReply*, QtHttpRequest*> replies_;
   // Challenges are answered in slots that wait in event loops of their own, which deliver other events.
   int challenge_depth_ = 0;
-  bool leaving_ = false;                          // a kLeave is put off until the depth is 0
-  std::vector<QEventLoop*> challenge_loops_;      // those loops, the innermost last
-  std::vector<QNetworkReply*> parked_replies_;    // Qt is still inside them, further up the stack
-  QHash<QNetworkReply*, Answers> reply_answers_;  // what each reply in flight was challenged for
-  QNetworkReply* challenged_reply_ = nullptr;     // by the server's challenge that is being answered
-  Answers proxy_answers_;                         // until the proxy lets something through
+  bool leaving_ = false;                        // a kLeave is put off until the depth is 0
+  std::vector<QEventLoop*> challenge_loops_;    // those loops, the innermost last
+  std::vector<QNetworkReply*> parked_replies_;  // Qt is still inside them, further up the stack
+  QNetworkReply* challenged_reply_ = nullptr;   // by the server's challenge that is being answered
+  QHash<QNetworkReply*, QMap<Challenge, Credentials>> reply_answers_;  // of replies in flight
+  QMap<Challenge, ProxyAnswer> proxy_answers_;  // until the proxy lets something through
 
   const QString base_url_;       // scheme, encoded host, and the port if it is not the default one
   const QByteArray user_agent_;  // over the request's own line, unless empty
