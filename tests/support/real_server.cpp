@@ -71,10 +71,10 @@ AssertionResult RealServer::Launch(const QString& program, const QStringList& ar
 
 AssertionResult TestCertificate::Create() {
   QProcess openssl;
-  openssl.start("openssl",
-                {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                 "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1", "-days",
-                 "3650", "-keyout", Path("key"), "-out", Path("crt")});
+  openssl.start("openssl", {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                            "-nodes", "-subj", "/CN=localhost", "-addext",
+                            "subjectAltName=DNS:localhost,DNS:origin.test,IP:127.0.0.1", "-days", "3650",
+                            "-keyout", Path("key"), "-out", Path("crt")});
   if (openssl.waitForFinished() && openssl.exitCode() == 0) return AssertionSuccess();
   return AssertionFailure() << "no certificate; openssl says: "
                             << openssl.readAllStandardError().toStdString();
