@@ -74,6 +74,13 @@ QString KmzCache::CleanUrl(const QString& url) {
 }
 
 RefPtr<KmzCacheEntry> KmzCache::Find(const QString& url) const {
+  {
+    // Entries stand under their own URL, which is clean: that spares cleaning this one.
+    SpinLockGuard guard(lock_);
+    const auto found = entries_.find(url);
+    if (found != entries_.end() && found->second->url() == url) return found->second;
+    if (entries_.empty()) return nullptr;
+  }
   const QString key = CleanUrl(url);
   SpinLockGuard guard(lock_);
   const auto found = entries_.find(key);

@@ -36,10 +36,7 @@ bool ContinuesDrivePath(const QStringRef& rest) {
 
 // A "%5C" in the third place is a drive path that came escaped ("C:%5Cdir"). Nowhere else is anything
 // decoded: "%5C" may be part of a name.
-QString WithDriveUnescaped(const QString& name) {
-  const bool escaped_drive = name.midRef(2, 3) == QLatin1String("%5C");
-  return escaped_drive ? QUrl::fromPercentEncoding(name.toUtf8()) : name;
-}
+bool HasEscapedDrive(const QString& name) { return name.midRef(2, 3) == QLatin1String("%5C"); }
 
 void AppendEscaped(QString* text, unsigned char byte) {
   static const char kDigits[] = "0123456789ABCDEF";
@@ -86,17 +83,22 @@ Split SplitUrl(const QString& text) {
   return {url.fragment(), QString::fromLatin1(url.toEncoded(QUrl::RemoveFragment))};
 }
 
-}  // namespace
-
-int GetFileNameType(const QString& name) {
-  if (name.isEmpty()) return kFileNameEmpty;
-  const QString text = WithDriveUnescaped(name);
+int TypeOfText(const QString& text) {
   if (text.startsWith(QLatin1Char('/'))) return kFileNamePath;
   const int length = SchemeLength(text);
   if (length < 0) return kFileNamePath;
   if (length == 1) return ContinuesDrivePath(text.midRef(2)) ? kFileNamePath : kFileNameUrl;
   const bool is_file = text.leftRef(length).compare(QLatin1String("file"), Qt::CaseInsensitive) == 0;
   return is_file ? kFileNameFileUrl : kFileNameUrl;
+}
+
+}  // namespace
+
+// Asked for every look into the cache of archives, hence not a copy of the text more than needed.
+int GetFileNameType(const QString& name) {
+  if (name.isEmpty()) return kFileNameEmpty;
+  if (HasEscapedDrive(name)) return TypeOfText(QUrl::fromPercentEncoding(name.toUtf8()));
+  return TypeOfText(name);
 }
 
 void UrlEncode(QString& text) {

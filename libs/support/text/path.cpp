@@ -9,14 +9,12 @@ namespace {
 // True if there is certainly nothing to do: no empty segment and none that consists of dots. Nearly every
 // name is clean already, since caches clean their keys on each look-up.
 bool IsClean(const QString& path) {
-  const QChar* const end = path.constData() + path.size();
-  bool at_segment = false;
-  for (const QChar* p = path.constData(); p != end; ++p) {
-    if (at_segment && *p == QLatin1Char('/')) return false;
-    if (*p == QLatin1Char('.') && (at_segment || p == path.constData())) return false;
-    at_segment = *p == QLatin1Char('/');
+  if (path.startsWith(QLatin1Char('.'))) return false;
+  for (int i = path.indexOf(QLatin1Char('/')); i >= 0; i = path.indexOf(QLatin1Char('/'), i + 1)) {
+    const bool last = i + 1 == path.size();
+    if (last || path.at(i + 1) == QLatin1Char('/') || path.at(i + 1) == QLatin1Char('.')) return false;
   }
-  return !at_segment;
+  return true;
 }
 
 }  // namespace
