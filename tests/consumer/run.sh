@@ -60,6 +60,15 @@ timeout 60 "$work/cmake/consumer" "$work/project/consumer.cpp" || complain "the 
 timeout 60 "$work/cmake/first_program" "$work/project/consumer.cpp" 2>&1 | grep -q '^state 2, ' ||
   complain "the first program of README.md does not fetch"
 
+echo "-- examples"
+{
+  cmake -S "$root/examples" -B "$work/examples" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_BUILD_TYPE="$type" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" &&
+  cmake --build "$work/examples"
+} >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
+timeout 60 "$work/examples/fetch_url" "$work/project/consumer.cpp" >"$work/log" 2>&1 ||
+  complain "the example fetch_url fails: $(cat "$work/log")"
+
 echo "-- pkg-config orvan-net"
 read -ra libraries < <(pkg-config --libs orvan-net)
 "$compiler" -std=c++17 -fPIC -Wall -Wextra -Werror "$work/project/consumer.cpp" "${flags[@]}" "${libraries[@]}" \
