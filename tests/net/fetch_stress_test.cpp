@@ -9,9 +9,11 @@
 #include <vector>
 
 #include "orvan/net/fetcher.h"
+#include "orvan/net/kmz_cache.h"
 #include "orvan/net/net_init.h"
 #include "orvan/support/thread/lock.h"
 #include "orvan/support/thread/worker_thread.h"
+#include "tests/libsupport/file/zip_maker.h"
 #include "tests/net/fetch_probe.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/wait.h"
@@ -35,6 +37,8 @@ int FromEnvironment(const char* name, int otherwise) {
 class Servers {
  public:
   explicit Servers(int count) {
+    test::ZipMaker archive;
+    for (const char* name : {"doc.kml", "b.txt"}) archive.Add(name, "b");
     for (int i = 0; i < count; ++i) {
       servers_.push_back(std::make_unique<LoopbackServer>());
       LoopbackServer& server = *servers_.back();
@@ -43,6 +47,7 @@ class Servers {
       server.On("/cut", test::CutBody("abc", 100));
       server.On("/moved", test::RedirectTo(server.Origin() + "/ok"));
       server.On("/silent", test::Script().Silent());
+      server.On("/a.kmz", test::Ok(archive.Finish().toStdString()));
     }
   }
   QString Url(unsigned server, const char* path) const {
@@ -79,15 +84,16 @@ void StartStopDrop(unsigned seed, int operations, const Servers& servers, const 
   std::mt19937 dice(seed);
   MainThreadJobExecutor main_thread;
   std::vector<std::pair<RefPtr<Fetcher>, Flight*>> held;
-  const char* const paths[] = {"/ok", "/ok", "/ok", "/missing", "/cut", "/moved"};
+  const char* const paths[] = {"/ok", "/ok", "/ok", "/missing", "/cut", "/moved", "/a.kmz", "/a.kmz/b.txt"};
   for (int i = 0; i < operations; ++i) {
     const auto what = static_cast<unsigned>(dice() % 10);
     if (what < 5 || held.empty()) {
       s_room->wait();
       flights->push_back(std::make_unique<Flight>());
       Fetcher::FetchParams params;
-      params.url = dice() % 8 == 0 ? file : servers.Url(static_cast<unsigned>(dice()), paths[dice() % 6]);
+      params.url = dice() % 8 == 0 ? file : servers.Url(static_cast<unsigned>(dice()), paths[dice() % 8]);
       params.async = dice() % 4 == 0;
+      params.use_cache = dice() % 2 == 0;
       params.callback = &NoteCallback;
       params.user_data = flights->back().get();
       held.emplace_back(Fetcher::fetch(params, nullptr), flights->back().get());
@@ -115,6 +121,7 @@ TEST(FetchStressTest, FourThreadsLoseAndDoubleNothing) {
   QTemporaryFile file;
   ASSERT_TRUE(file.open());
   const auto servers = std::make_unique<Servers>(6);
+  Fetcher::GetKmzCache()->SetKmzTmpDir(file.fileName() + ".kmz");
   Init(QString(), QString());
   {  // once, so that what the process keeps for good is there before the counting
     test::FetchProbe probe;
