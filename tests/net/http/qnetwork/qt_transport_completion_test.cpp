@@ -139,14 +139,14 @@ TEST(QtTransportCompletionTest, ADomainThatRefusesEndsTheTransfer) {
   LoopbackServer server;
   server.On("/short", Ok(std::string(5000, 's')));
   server.On("/long", LargeBody(uint64_t{16} << 20));
-  const std::string unannounced = "HTTP/1.1 200 OK\r\n\r\n" + std::string(18 * kMiB, 'g');
-  server.On("/grows", Script().Drip(unannounced, 3 * kMiB, 20).Close());
+  const std::string unannounced = "HTTP/1.1 200 OK\r\n\r\n" + std::string(10 * kMiB, 'g');
+  server.On("/grows", Script().Drip(unannounced, 5 * kMiB / 2, 20).Close());
   server.On("/boast",
             Script().Send("HTTP/1.1 200 OK\r\nContent-Length: 1099511627776\r\n\r\n" + kLong).Silent());
   static HeapManager domain(nullptr);  // domains live as long as the process
   Transport transport(server.port(), "127.0.0.1", false, QString(), &domain);
   const std::pair<const char*, size_t> rows[] = {
-      {"/short", 4096}, {"/long", kMiB / 2}, {"/boast", kMiB / 2}, {"/grows", 16 * kMiB}};
+      {"/short", 4096}, {"/long", kMiB / 2}, {"/boast", kMiB / 2}, {"/grows", 8 * kMiB}};
   for (const auto& [path, ceiling] : rows) {
     SCOPED_TRACE(path);
     domain.SetCeiling(ceiling);
