@@ -12,6 +12,7 @@
 
 #include "orvan/net/kmz_cache.h"
 #include "orvan/net/url_text.h"
+#include "orvan/support/cache/memory_reclaimer.h"
 #include "orvan/support/file/async_writer.h"
 #include "orvan/support/file/crc32.h"
 #include "orvan/support/job/job.h"
@@ -164,7 +165,12 @@ QByteArray KmzCacheEntry::unzipFile(const QString& path) {
     }
     OpenZFile(bytes);
   }
-  return kmz::UnzipZFile(zip_handle_, path);
+  const QByteArray file = kmz::UnzipZFile(zip_handle_, path);
+  // A pass of the reclaimer has to wait for the main thread. Until it comes, archives that are read back do
+  // not pile up: what has a copy goes at once, instead of a moment later.
+  const bool piling_up = MemoryReclaimer::GetTotalBytes() > MemoryReclaimer::GetBudget() + bytes_.size();
+  if (loaded_from_disk_ && piling_up && (is_local_ || HasCopyLocked())) GiveUpBytesLocked();
+  return file;
 }
 
 void KmzCacheEntry::OpenZFile(const QByteArray& bytes) {
@@ -295,14 +301,18 @@ bool KmzCacheEntry::reclaim(const CacheObserver::Event& event) {
     lock_.unlock();
     return false;
   }
+  request_.swap(last_request);
+  GiveUpBytesLocked();
+  lock_.unlock();
+  return true;
+}
+
+void KmzCacheEntry::GiveUpBytesLocked() {
   loaded_from_disk_ = false;
   if (fingerprint_.size < 0) TakeFingerprintLocked();
   ReplaceBytesLocked(QByteArray());
-  request_.swap(last_request);
   DropWriterLocked();
   SetIsReclaimableOnMainThread(false);
-  lock_.unlock();
-  return true;
 }
 
 void KmzCacheEntry::SetIsReclaimableOnMainThread(bool value) {

@@ -79,6 +79,7 @@ class ORVAN_NET_EXPORT KmzCacheEntry : protected CacheObserver, public WeakAtomi
   QByteArray ReadBackLocked() ORVAN_REQUIRES(lock_);
   bool HasCopyLocked() const ORVAN_REQUIRES(lock_);
   bool SecureCopy(bool demanded);
+  void GiveUpBytesLocked() ORVAN_REQUIRES(lock_);
 
   KmzCache* const cache_;  // not owned; for its job container
   const QString url_;
