@@ -7,7 +7,7 @@ ORVAN_BUILD_PACKAGES=(g++ cmake ninja-build pkg-config qtbase5-dev qtkeychain-qt
 ORVAN_TOOL_PACKAGES=(libcli11-dev)
 # What the tests take: the frameworks, and the real servers that they start on free ports.
 ORVAN_TEST_PACKAGES=(libgtest-dev libgmock-dev nginx-light openssl python3 gunicorn python3-httpbin python3-oauthlib
-  gnome-keyring libsecret-1-0 libsecret-tools dbus-daemon libglib2.0-bin squid)
+  gnome-keyring libsecret-1-0 libsecret-tools dbus-daemon libglib2.0-bin squid iproute2)
 # Clang and its sanitizers. Without llvm-symbolizer, reports have no names and suppressions do not match.
 ORVAN_CLANG_PACKAGES=(clang libclang-rt-14-dev llvm util-linux)
 ORVAN_TIDY_PACKAGES=(clang clang-tidy)

@@ -24,8 +24,14 @@ bool Append(HeapBuffer* out, const QByteArray& bytes) {
   return out->AppendData(bytes.constData(), bytes.size());
 }
 
+bool AppendText(HeapBuffer* out, const char* text) {
+  const std::size_t size = text ? std::strlen(text) : 0;
+  return size <= HeapBuffer::kMaxBytes && out->AppendData(text, static_cast<int>(size));
+}
+
 bool IsAscii(const char* text) {
-  return std::all_of(text, text + qstrlen(text), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  return std::all_of(text, text + std::strlen(text),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
 // The head of a part, up to the name.
@@ -34,7 +40,8 @@ QByteArray MakePartStart(const char* boundary, const char* name) {
 }
 
 QByteArray TypeOfFile(const char* path) {
-  // Not a slip: only ".jpg" counts, so that "photo.jpeg" is sent as binary.
+  // Not a slip: only ".jpg" counts, so that "photo.jpeg" is sent as binary. MultipartTest.IsWhatOthersRead
+  // holds this in place.
   const QString suffix = QFileInfo(QString::fromLatin1(path)).suffix().toLower();
   if (suffix == QLatin1String("kmz")) return kKmzMediaType.toLatin1();
   if (suffix == QLatin1String("kml")) return kKmlMediaType.toLatin1();
@@ -85,8 +92,8 @@ RefPtr<HeapBuffer> ReadFileToSend(const char* path, MemoryManager* manager) {
   made->unref();  // the one of create(); `buffer` has its own
   // What the file grew to meanwhile is left out; if it shrank, it is not sent.
   if (!file.Read(buffer->data(), static_cast<std::size_t>(size))) return nullptr;
-  // Not a slip: the NUL goes out with the file, and servers know it. MultipartTest.AFileCarriesOneMoreByte
-  // holds this in place.
+  // Not a slip: the NUL goes out with the file. It is meant so; without it servers would get one byte less.
+  // MultipartTest.IsWhatOthersRead holds this in place.
   buffer->data()[size] = '\0';
   buffer->SetSize(static_cast<unsigned int>(size) + 1);
   return buffer;
@@ -104,7 +111,7 @@ bool HtmlAddMultiPart(const char* boundary, const char* name, const char* value,
   } else if (qstrlen(content_type) > 0) {
     part += "\r\nContent-Type: " + type;
   }
-  return Append(out, part + "\r\n\r\n" + value + "\r\n");
+  return Append(out, part + "\r\n\r\n") && AppendText(out, value) && AppendText(out, "\r\n");
 }
 
 bool HtmlAddMultiPartBytes(const char* boundary, const char* name, const char* file_name,
@@ -112,8 +119,10 @@ bool HtmlAddMultiPartBytes(const char* boundary, const char* name, const char* f
   if (!bytes) return false;
   const QByteArray head = MakePartStart(boundary, name) + "\"; filename=\"" + file_name +
                           "\"\r\nContent-Type: " + content_type + "\r\n\r\n";
-  return Append(out, head) && out->AppendData(bytes->data(), static_cast<int>(bytes->size())) &&
-         Append(out, QByteArrayLiteral("\r\n"));
+  // Through a const pointer: data() of one that is not const copies bytes that an array shares.
+  const HeapBuffer& content = *bytes;
+  return Append(out, head) && out->AppendData(content.data(), static_cast<int>(content.size())) &&
+         AppendText(out, "\r\n");
 }
 
 bool HtmlAddMultiPartFile(const char* boundary, const char* name, const char* path, const char* file_name,

@@ -32,7 +32,9 @@ struct ResponseInfo {
   RefPtr<SharedHeaders> headers;  // null unless they were asked for and there are any
 };
 
-// What to ask for. Names and values count up to their first NUL, and are sent in the order of the names.
+// What to ask for. Names and values count up to their first NUL, and are added in the order of the names.
+// Cookies make up one line, which takes the place of the first line there is, as AddCookieHeader() says: of
+// Accept with NetworkManager, of the first default line or header with CmNetworkManager.
 struct RequestOptions {
   HttpMethod method = kHttpGet;
   QMap<QByteArray, QByteArray> headers;
@@ -60,7 +62,7 @@ class ORVAN_NET_EXPORT AbstractNetworkManager {
   // Starts a request and returns its id, or 0 if none could be made; then nothing is delivered. A given id is
   // taken without a look at those in use: the caller keeps them apart.
   virtual unsigned int Request(const QUrl& url, const RequestOptions& options, ResponseCallback callback) = 0;
-  // Request(), for callers that will not cancel. The callable runs all the same.
+  // Request(), for callers that will not cancel. The callable runs all the same, unless no request was made.
   virtual void RequestAndIgnore(const QUrl& url, const RequestOptions& options, ResponseCallback callback);
   // Request() with the defaults of RequestOptions.
   virtual unsigned int Get(const QUrl& url, ResponseCallback callback);

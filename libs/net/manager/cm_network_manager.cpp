@@ -33,7 +33,9 @@ class CmNetworkManagerCallback : public AtomicReferent {
   const AbstractNetworkManager::ResponseCallback callback_;
   const unsigned int id_;
   const bool keep_response_headers_;
-  RefPtr<NetworkRequest> request_;  // under the lock of the table; null outside of it
+  // Both under the lock of the table.
+  RefPtr<NetworkRequest> request_;  // null outside of the table, and when there is nothing left to cancel
+  bool over_ = false;               // the callable has returned
 };
 
 }  // namespace detail
@@ -42,7 +44,27 @@ class CmNetworkManagerCallback : public AtomicReferent {
 struct CmNetworkManager::Requests {
   using Table = boost::unordered_map<unsigned int, RefPtr<detail::CmNetworkManagerCallback>>;
 
-  // Takes the entry out. Null if there is none.
+  ~Requests() { Clear(); }
+
+  // Not a slip: an id that is in use keeps the older request, and the first of the two to end takes it away.
+  // A request that is over by now is entered as well, and stays until its id is cancelled; its response goes.
+  // BothManagersTest.TakeANumberTwice and CmNetworkManagerTest.FourThreadsAskAndCancel hold this in place.
+  void Add(const RefPtr<detail::CmNetworkManagerCallback>& entry, const RefPtr<NetworkRequest>& request) {
+    SpinLockGuard guard(lock);
+    const bool added = callbacks.emplace(entry->id_, entry).second;
+    if (added && !entry->over_) entry->request_ = request;
+  }
+
+  // Takes away what stands under the id of a request that is over.
+  void Finish(detail::CmNetworkManagerCallback* entry) {
+    {
+      SpinLockGuard guard(lock);
+      entry->over_ = true;
+    }
+    static_cast<void>(Take(entry->id_));
+  }
+
+  // Takes the entry out. Null if there is none, or nothing left to cancel.
   RefPtr<NetworkRequest> Take(unsigned int id) {
     RefPtr<detail::CmNetworkManagerCallback> entry;  // dies behind the guard, and with it the callable
     RefPtr<NetworkRequest> request;
@@ -74,18 +96,16 @@ struct CmNetworkManager::Requests {
 CmNetworkManager::CmNetworkManager()
     : ids_(std::make_unique<RequestIds>()), requests_(std::make_shared<Requests>()) {}
 
-// The table stays until the connections have gone: a completion that is under way looks into it.
-CmNetworkManager::~CmNetworkManager() {
-  requests_->Clear();
-  connection_manager_ = nullptr;
-  requests_->Clear();
-}
+// The connection manager goes next, and all else behind it: callables that still run on other threads may use
+// this object until its destructor has waited for them.
+CmNetworkManager::~CmNetworkManager() { requests_->Clear(); }
 
 void CmNetworkManager::Init(const mmvector<QString>& headers, bool deferred_completion) {
   connection_manager_ =
       std::make_unique<ConnectionManager>(kMaxConnections, kThreadsPerConnection, deferred_completion,
                                           kLifetimeSeconds, kTransferTimeoutSeconds, kCachePeriodMs);
-  // Not a slip: the lines of an earlier call stay.
+  requests_->Clear();  // those of an earlier connection manager went with it
+  // Not a slip: the lines of an earlier call stay. ManagersTest.AServerSeesTheOptions holds this in place.
   default_headers_.reserve(default_headers_.size() + headers.size());
   for (const QString& line : headers) default_headers_.push_back(GetNetHeaderFromString(line));
 }
@@ -106,12 +126,8 @@ unsigned int CmNetworkManager::Request(const QUrl& url, const RequestOptions& op
   const NetworkRequest::Info info(options.method, options.post_data, text, headers, options.use_cache, this,
                                   entry.get(), NetworkRequest::Info::kClearDefaultHeaders,
                                   RefPtr<AtomicReferent>(entry));
-  const RefPtr<NetworkRequest> request = connection_manager_->EnqueueRequest(ServerInfo(text), info);
-
-  // Not a slip: an id that is in use keeps the older request, and the first of the two to end takes it away.
-  // A request that has ended by now is entered as well, and stays until it is cancelled.
-  SpinLockGuard guard(requests_->lock);
-  if (requests_->callbacks.emplace(id, entry).second) entry->request_ = request;
+  // The connection manager's lock and that of the table are taken one after the other, never both at once.
+  requests_->Add(entry, connection_manager_->EnqueueRequest(ServerInfo(text), info));
   return id;
 }
 
@@ -123,7 +139,7 @@ void CmNetworkManager::RequestDone(NetworkRequest* request, void* user_data) {
   const HeapBuffer* const buffer = response ? response->GetResponseBuffer() : nullptr;
   DeliverResponse(response, buffer ? buffer->ToQByteArray() : QByteArray(), entry->id_,
                   entry->keep_response_headers_, entry->callback_);
-  static_cast<void>(requests->Take(entry->id_));
+  requests->Finish(entry.get());
 }
 
 void CmNetworkManager::Cancel(unsigned int request_id) {

@@ -18,7 +18,11 @@ class RequestIds;
 // most, and with default header lines. The Accept line that a request starts with goes.
 //
 // Threads:   Request() and Cancel() on any thread, also within a callable. Init() before them. Callables run
-//            on the main thread if completions are deferred, else on the callback thread of a connection.
+//            on the main thread if completions are deferred, else on the callback thread of a connection;
+//            those that tell of a refused request always on the main thread.
+//            Cancel() on another thread than that of the callable: if completions are deferred, a delivery
+//            that has begun goes on; otherwise Cancel() waits for it, so that callables of two requests must
+//            not cancel each other.
 // Ownership: the destructor waits for callables that run on other threads, and drops the others unheard. A
 //            callable that runs on the main thread may destroy the manager.
 // Errors:    Request() returns 0 before Init(); all else arrives as a status word, kStatusFailed if the
@@ -31,7 +35,7 @@ class ORVAN_NET_EXPORT CmNetworkManager : public AbstractNetworkManager, private
   CmNetworkManager& operator=(const CmNetworkManager&) = delete;
 
   // `headers`: whole lines, sent with each request before its own; of two with one name the transport sends
-  // the later. Again makes a new ConnectionManager, and adds to the lines.
+  // the later. Again makes a new ConnectionManager, drops requests in flight unheard, and adds to the lines.
   void Init(const mmvector<QString>& headers, bool deferred_completion);
 
   unsigned int Request(const QUrl& url, const RequestOptions& options, ResponseCallback callback) override;
@@ -48,11 +52,13 @@ class ORVAN_NET_EXPORT CmNetworkManager : public AbstractNetworkManager, private
   void SetUpHeaders(const QMap<QByteArray, QByteArray>& headers, const QMap<QByteArray, QByteArray>& cookies,
                     mmvector<RequestHeader>* result) const;
 
-  std::unique_ptr<ConnectionManager> connection_manager_;  // null until Init()
   mmvector<RequestHeader> default_headers_;
   SpinLock id_lock_;  // a leaf
   const std::unique_ptr<RequestIds> ids_ ORVAN_PT_GUARDED_BY(id_lock_);
   const std::shared_ptr<Requests> requests_;  // also held by a completion under way
+  // Null until Init(). Last, and thus destroyed first: it waits for callables, which may use all of the
+  // above.
+  std::unique_ptr<ConnectionManager> connection_manager_;
 };
 
 }  // namespace orvan::net

@@ -10,6 +10,7 @@
 #include "orvan/support/job/job.h"
 #include "orvan/support/memory/heap_buffer.h"
 #include "orvan/support/text/text.h"
+#include "orvan/support/thread/system.h"
 
 namespace orvan::net {
 
@@ -18,6 +19,17 @@ namespace {
 constexpr double kTimeoutSeconds = 15.0;
 constexpr int kTransferTimeoutSeconds = 30;
 constexpr int kConnectionLimit = 1;
+
+unsigned int Send(HttpConnection* connection, HttpRequest* request, const QByteArray& body,
+                  HttpRequest::Callback* callback) {
+  if (!body.isEmpty()) {
+    HeapBuffer* const buffer = HeapBuffer::CreateFromQtBuffer(HeapManager::GetDynamicHeap(), body);
+    if (!buffer) return kStatusOutOfMemory;
+    request->SetRequestBuffer(buffer);
+    buffer->unref();  // the maker's; the request has its own
+  }
+  return connection->EnqueueRequest(request, callback, nullptr);
+}
 
 }  // namespace
 
@@ -63,14 +75,17 @@ class HttpRequestHandle : public HttpRequest::Callback {
   }
 
   void Post() {
-    shared_->job_executor->ExecuteAsync([this] { SyncRequestDone(); }, "RequestDone");
+    const auto shared = shared_;  // this handle may be gone before the call returns
+    shared->job_executor->ExecuteAsync([this] { SyncRequestDone(); }, "RequestDone");
   }
 
  private:
   void SyncRequestDone() {
+    Q_ASSERT(System::IsMainThread());
     const std::unique_ptr<HttpRequestHandle> last(this);
     if (!cancelled_) {
       // Not a slip: an empty body is a null array here, and an empty one with CmNetworkManager.
+      // BothManagersTest.DeliverOnTheirThread holds this in place.
       const HeapBuffer* const buffer = request_->GetResponseBuffer();
       const QByteArray body = buffer && buffer->size() > 0 ? buffer->ToQByteArray() : QByteArray();
       DeliverResponse(request_, body, id_, keep_response_headers_, callback_);
@@ -95,6 +110,7 @@ NetworkManager::~NetworkManager() { shared_->manager = nullptr; }
 
 unsigned int NetworkManager::Request(const QUrl& url, const RequestOptions& options,
                                      ResponseCallback callback) {
+  Q_ASSERT(System::IsMainThread());
   const ServerInfo server(TextFromBytes(url.toEncoded(QUrl::FullyEncoded)));
   HttpConnection* const connection = HttpConnectionFactory::CreateHttpConnection(
       &server, nullptr, kTimeoutSeconds, kTransferTimeoutSeconds, kConnectionLimit, 0, 0, 0);
@@ -103,31 +119,32 @@ unsigned int NetworkManager::Request(const QUrl& url, const RequestOptions& opti
       connection->CreateRequest(options.method, GetEncodedPathAndQuery(url), nullptr);
   if (!request) return 0;  // the connection stays: a transport that makes none may still be at work in it
 
+  // The results are dropped: a line that an HttpRequest refuses is not sent, and the others are.
   for (auto it = options.headers.constBegin(); it != options.headers.constEnd(); ++it) {
-    request->AddRequestHeader(MakeHeaderLine(TextFromBytes(it.key()), TextFromBytes(it.value())));
+    (void)request->AddRequestHeader(MakeHeaderLine(TextFromBytes(it.key()), TextFromBytes(it.value())));
   }
   for (auto it = options.cookies.constBegin(); it != options.cookies.constEnd(); ++it) {
-    request->AddCookieHeader(TextFromBytes(it.key()), TextFromBytes(it.value()));
-  }
-  if (!options.post_data.isEmpty()) {
-    HeapBuffer* const body = HeapBuffer::CreateFromQtBuffer(HeapManager::GetDynamicHeap(), options.post_data);
-    request->SetRequestBuffer(body);
-    if (body) body->unref();
+    (void)request->AddCookieHeader(TextFromBytes(it.key()), TextFromBytes(it.value()));
   }
 
   const unsigned int id = shared_->ids.ComputeRequestId(options.request_id);
   auto* const handle = new HttpRequestHandle(request, connection, std::move(callback), shared_, id,
                                              options.keep_response_headers);
-  if (connection->EnqueueRequest(request, handle, nullptr) != kStatusOk) {
-    request->unref();  // ours, which the connection did not take
-    handle->Post();    // refused, and thus over: its status says so
+  const unsigned int refusal = Send(connection, request, options.post_data, handle);
+  if (refusal != kStatusOk) {
+    // Over before it began, and delivered like any other end. A new request's own status says success.
+    request->SetResponseStatus(refusal >> 30 == kStatusSeverityError ? refusal : kStatusFailed);
+    request->unref();  // the maker's, which a successful enqueue would have passed on
+    handle->Post();
   }
   // Not a slip: an id that is in use gets the newer request, and the end of the older one takes it away.
+  // BothManagersTest.TakeANumberTwice holds this in place.
   handles_[id] = handle;
   return id;
 }
 
 void NetworkManager::Cancel(unsigned int request_id) {
+  Q_ASSERT(System::IsMainThread());
   const auto found = handles_.find(request_id);
   if (request_id == 0 || found == handles_.end()) return;
   HttpRequestHandle* const handle = found->second;

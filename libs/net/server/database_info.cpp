@@ -47,6 +47,7 @@ bool DatabaseInfo::compare(const DatabaseInfo& other) const {
 
 bool DatabaseInfo::IsOrvanTarget() const {
   // Not a slip: no target is one, too, and so is a URL that could not be used.
+  // DatabaseInfoTest.ReadsAndComparesUrls holds this in place.
   return target_.isEmpty() || target_.compare(QLatin1String("orvan"), Qt::CaseInsensitive) == 0;
 }
 
