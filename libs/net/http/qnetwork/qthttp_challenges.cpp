@@ -102,12 +102,14 @@ void QtHttpConnection::OnProxyAuthenticationRequestSlot(QNetworkProxy proxy, QAu
   const Challenge challenge(host, authenticator->realm());
   const ProxyAnswer latest = proxy_answers_.value(challenge);
   const bool known = !latest.given_to.empty();
+  const bool had_it = latest.given_to.count(authenticator) > 0;
   // Each socket is challenged by itself, and knows nothing of what another was given a moment ago.
-  const bool untried = known && latest.given_to.size() < kMostSockets &&
-                       latest.given_to.count(authenticator) == 0 && latest.pair != FilledIn(*authenticator);
+  const bool untried =
+      known && !had_it && latest.given_to.size() < kMostSockets && latest.pair != FilledIn(*authenticator);
   const auto answer =
       untried ? latest.pair : FindAnswer(challenge, prompt, known ? &latest.pair : nullptr, *authenticator);
-  if (!answer) {
+  // What was refused is not sent again, even if the user says it once more. For servers Qt sees to that.
+  if (!answer || (had_it && *answer == latest.pair)) {
     proxy_answers_.remove(challenge);
     return;
   }
