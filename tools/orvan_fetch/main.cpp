@@ -21,6 +21,7 @@
 #include "orvan/support/file/kmz_zip.h"
 #include "orvan/support/thread/worker_thread.h"
 #include "tools/orvan_fetch/archive_task.h"
+#include "tools/orvan_fetch/ask.h"
 #include "tools/orvan_fetch/body_sink.h"
 #include "tools/orvan_fetch/interrupts.h"
 #include "tools/orvan_fetch/options.h"
@@ -124,6 +125,9 @@ int Run(const Options& options) {
     return BadUsage(QStringLiteral("--cacert %1: no certificate to read there").arg(options.authority_file));
   }
   const LibraryInUse library(options);
+  Ask ask;
+  problem = ask.Prepare(options.ask, options.urls);
+  if (!problem.isEmpty()) return BadUsage(problem);
   Runner runner(options, library.manager(), &sink, &archives, &report);
   const Interrupts interrupts([&](int signal_number) { runner.Interrupt(kExitSignal + signal_number); });
   QTimer::singleShot(0, [&] { runner.Start(); });

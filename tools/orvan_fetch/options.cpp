@@ -134,6 +134,7 @@ void Describe(CLI::App* app, Arguments* arguments, Options* options) {
   app->add_flag("--no-cache", arguments->no_cache, "do not read or write caches");
 
   DescribeSigner(app, &options->signer);
+  DescribeAsk(app, &options->ask);
 
   app->add_flag("--async", options->async, "start each fetch on a worker thread");
   app->add_option("--parallel", options->parallel, "at most so many fetches at a time")

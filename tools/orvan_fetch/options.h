@@ -7,6 +7,7 @@
 #include <QVector>
 
 #include "orvan/net/http/http_types.h"
+#include "tools/orvan_fetch/ask.h"
 #include "tools/orvan_fetch/request_body.h"
 #include "tools/orvan_fetch/sign.h"
 
@@ -45,6 +46,7 @@ struct Options {
   bool async = false;
 
   SignerArguments signer;
+  AskArguments ask;
   bool https_upgrade = false;
   QStringList secure_domains;
   QStringList insecure_hosts;

@@ -26,6 +26,8 @@ class Progress {
   void Update(const RunTotals& totals);
   // Takes the line away, for others to write; it comes back by itself.
   void Clear();
+  // Keeps the line away while somebody types into the terminal.
+  static void Hold(bool held);
 
  private:
   void Draw();
@@ -33,7 +35,6 @@ class Progress {
   const int total_;
   const bool shown_;
   RunTotals totals_;
-  bool drawn_ = false;  // the line stands on the terminal
   QElapsedTimer clock_;
   QElapsedTimer since_drawn_;  // invalid before the first time
   QTimer timer_;

@@ -1,0 +1,156 @@
+#include "tools/orvan_fetch/ask.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <QFile>
+#include <QUrl>
+#include <cstdio>
+#include <limits>
+#include <utility>
+
+#include "orvan/net/http/http_connection_factory.h"
+#include "tools/orvan_fetch/printable.h"
+#include "tools/orvan_fetch/progress.h"
+
+namespace orvan_fetch {
+namespace {
+
+using orvan::net::PromptBridge;
+
+constexpr qint64 kLongestPassword = 4096;
+
+// An empty text, or what is wrong.
+QString ReadPassword(const QString& name, QString* password) {
+  QFile file(name);
+  if (!file.open(QIODevice::ReadOnly)) {
+    return QStringLiteral("--password-file %1: %2").arg(name, file.errorString());
+  }
+  QByteArray text = file.read(kLongestPassword + 1);
+  if (text.endsWith('\n')) text.chop(1);
+  if (text.endsWith('\r')) text.chop(1);
+  *password = QString::fromUtf8(text);
+  if (text.size() <= kLongestPassword && !HasControlCharacter(*password)) return QString();
+  return QStringLiteral("--password-file %1: that is not one password on one line").arg(name);
+}
+
+void Say(const QString& text) { std::fputs(Printable(text).toUtf8().constData(), stderr); }
+
+}  // namespace
+
+void DescribeAsk(CLI::App* app, AskArguments* arguments) {
+  auto* user = app->add_option("--user", arguments->user,
+                               "the name for servers and proxies that want one; the system's keychain is "
+                               "looked at first, and what is missing is asked for on the terminal")
+                   ->type_name("NAME");
+  app->add_option("--password-file", arguments->password_file,
+                  "the password is in FILE, for the hosts of the URLs only; nothing is asked")
+      ->type_name("FILE")
+      ->needs(user);
+}
+
+Ask::Ask() : keyboard_(STDIN_FILENO, QSocketNotifier::Read) {
+  keyboard_.setEnabled(false);
+  QObject::connect(&keyboard_, &QSocketNotifier::activated, [this] { ReadTerminal(); });
+}
+
+Ask::~Ask() {
+  bridge_.reset();
+  if (reply_) Finish(Answer());
+}
+
+QString Ask::Prepare(const AskArguments& arguments, const QStringList& urls) {
+  user_ = QString::fromStdString(arguments.user);
+  if (!arguments.password_file.empty()) {
+    QString problem = ReadPassword(QString::fromStdString(arguments.password_file), &password_);
+    if (!problem.isEmpty()) return problem;
+    for (const QString& url : urls) hosts_.append(QUrl(url).host(QUrl::FullyDecoded));
+    // However often, since each fetch may ask. The library does not send a pair again that was refused.
+    bridge_ = std::make_unique<PromptBridge>(
+        [this](const QString& prompt, const Reply& reply) { AnswerFromFile(prompt, reply); },
+        std::numeric_limits<int>::max(), 0.0);
+  } else if (isatty(STDIN_FILENO) && isatty(STDERR_FILENO)) {
+    bridge_ = std::make_unique<PromptBridge>(
+        [this](const QString& prompt, const Reply& reply) { AskOnTerminal(prompt, reply); });
+  }
+  orvan::net::HttpConnectionFactory::SetUsernamePasswordQueryHandler(bridge_.get());
+  return QString();
+}
+
+void Ask::AnswerFromFile(const QString& prompt, const Reply& reply) const {
+  Answer answer;
+  // All that is known of who asks is the end of the prompt. A proxy's has another word before the host.
+  for (const QString& host : hosts_) {
+    if (!host.isEmpty() && prompt.endsWith(QStringLiteral(" password for ") + host)) answer.given = true;
+  }
+  if (answer.given) {
+    answer.username = user_;
+    answer.password = password_;
+  } else {
+    Say(QStringLiteral("orvan-fetch: not answered: ") + prompt);
+    std::fputc('\n', stderr);
+  }
+  reply(answer);
+}
+
+void Ask::AskOnTerminal(const QString& prompt, const Reply& reply) {
+  reply_ = reply;
+  answer_ = Answer();
+  Progress::Hold(true);
+  Say(prompt);
+  std::fputc('\n', stderr);
+  keyboard_.setEnabled(true);
+  if (user_.isEmpty()) {
+    std::fputs("User name: ", stderr);
+  } else {
+    answer_.username = user_;
+    AskForPassword();
+  }
+}
+
+void Ask::ReadTerminal() {
+  char bytes[1024];
+  const ssize_t count = read(STDIN_FILENO, bytes, sizeof bytes);
+  if (count < 0) return;                    // a signal
+  if (count == 0) return Finish(Answer());  // Ctrl-D
+  line_.append(bytes, static_cast<int>(count));
+  if (line_.endsWith('\n')) TakeLine();
+}
+
+void Ask::TakeLine() {
+  line_.chop(1);
+  const QString text = QString::fromUtf8(std::exchange(line_, QByteArray()));
+  if (without_echo_) {
+    answer_.password = text;
+    Finish(answer_);
+  } else if (text.isEmpty()) {
+    Finish(Answer());
+  } else {
+    answer_.username = text;
+    AskForPassword();
+  }
+}
+
+void Ask::AskForPassword() {
+  if (tcgetattr(STDIN_FILENO, &terminal_) != 0) return Finish(Answer());
+  termios silent = terminal_;
+  silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+  // What was typed ahead goes: it was typed with an echo.
+  if (tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent) != 0) return Finish(Answer());
+  without_echo_ = true;
+  answer_.given = true;
+  std::fputs("Password: ", stderr);
+}
+
+void Ask::Finish(const Answer& answer) {
+  keyboard_.setEnabled(false);
+  line_.clear();
+  if (std::exchange(without_echo_, false)) tcsetattr(STDIN_FILENO, TCSAFLUSH, &terminal_);
+  std::fputc('\n', stderr);
+  Progress::Hold(false);
+  // A copy: the next question may come from within.
+  const Reply reply = std::exchange(reply_, Reply());
+  reply(answer);
+}
+
+}  // namespace orvan_fetch
