@@ -32,9 +32,9 @@ class UnzipJob;
 
 // A store of fetched bytes that the application keeps. Implemented by the application.
 //
-// Threads:   Contains() on the thread that starts the fetch, which is the worker thread for an asynchronous
-// one;
-//            Load() and Save() on the main thread.
+// Threads:   Contains() on the thread that starts the fetch: the worker thread, if `async` is set. Load() and
+//            Save() on the main thread.
+// Ownership: the application's. It outlives the fetches that use it, or stops them.
 class ORVAN_NET_EXPORT FetchStore {
  public:
   virtual ~FetchStore();
@@ -57,7 +57,7 @@ class ORVAN_NET_EXPORT FetchStore {
 //            may be dropped on any thread.
 // Ownership: counted. An unfinished fetch keeps itself alive: a caller may drop its RefPtr at once. The
 //            result stays readable for as long as somebody holds a RefPtr.
-// Errors:    every failure arrives as the final state, through the callback.
+// Errors:    every failure arrives as the final state, through the callback; docs/errors.md tells them all.
 // Life:      made by fetch(), runs once, ends by callback or by Stop().
 class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
                                  protected NetworkRequest::Callback,
@@ -92,6 +92,8 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   // made.
   void orphaned() const override;
 
+  // What came; nothing unless the state is kFetchSuccess. The pointer may be null, and is good until the
+  // object goes.
   virtual QByteArray GetByteArray() const;
   virtual const char* GetBytes() const;
   virtual int getSize() const;
@@ -119,9 +121,12 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   void RequestDone(NetworkRequest* request, void* user_data) override;
   void Execute() override;
 
+  // By the content type, or if that is empty by the ending of the URL; kMimeNone if neither tells. Any
+  // thread, as the next three.
   static int GetMimeTypeFromContentTypeOrUrl(const QString& content_type, const QString& url);
   // Adds the archive's media type to each list of acceptable types.
   static void EditToAcceptKMZ(mmvector<RequestHeader>& headers);
+  // Whether the bytes begin like an archive.
   static bool IsKmzData(const unsigned char* data, int size);
   // The plain form of a file URL or an escaped URL.
   static QString SanitizeUrlString(const QString& url);
@@ -134,6 +139,7 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   // The same, into a file: complete, or false and no file.
   static bool WriteBytesFromKmzToFile(const QString& kmz_url, const QString& kmz_path,
                                       const QString& file_name);
+  // The one cache; never null, and lives as long as the process.
   static KmzCache* GetKmzCache();
 
   // Start and stop; called by net::Init() and net::Shutdown().
@@ -210,11 +216,11 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   FetchStore* store_ = nullptr;  // not owned
 };
 
-// Makes the objects of all fetches.
+// Makes the objects of all fetches, on the threads that call Fetcher::fetch(). See override_factory_.
 class ORVAN_NET_EXPORT FetcherFactory {
  public:
   virtual ~FetcherFactory();
-  // A new object, made in the domain `manager`.
+  // A new object, made in the domain `manager`. After null fetch() returns null, and nothing calls back.
   virtual Fetcher* Create(const QString& url, Fetcher::FetchCallback callback, void* user_data,
                           MemoryManager* manager);
 };

@@ -29,7 +29,9 @@ ORVAN_NET_EXPORT bool HtmlAddMultiPartBytes(const char* boundary, const char* na
 // added.
 ORVAN_NET_EXPORT bool HtmlAddMultiPartFile(const char* boundary, const char* name, const char* path,
                                            const char* file_name, HeapBuffer* out, unsigned int* size);
+// The last line of a body.
 ORVAN_NET_EXPORT bool HtmlAddMultiPartTrailer(const char* boundary, HeapBuffer* out);
+// The same as bytes.
 ORVAN_NET_EXPORT QByteArray CreateMultiPartTrailer(const char* boundary);
 
 }  // namespace orvan::net

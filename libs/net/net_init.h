@@ -6,9 +6,11 @@
 
 namespace orvan::lumen {
 
-// Entry points for outside callers, without behaviour.
+// Does nothing; an entry point for outside callers, like the next two.
 ORVAN_NET_EXPORT void InitializeLumenNetworkCachePath(const char* path);
+// Does nothing.
 ORVAN_NET_EXPORT void InitializeLumenCookieStorePath(const char* path);
+// Does nothing.
 ORVAN_NET_EXPORT void ClearDiskCache();
 
 }  // namespace orvan::lumen

@@ -19,6 +19,7 @@ namespace orvan::net {
 // Ownership: a counted reference for each entry; the lock is not owned.
 class ORVAN_NET_EXPORT ConnectionCache : private Timer {
  public:
+  // A connection, and until when it is kept.
   struct ConnectionEntry {
     RefPtr<ConnectionRefCounter> connection;
     double idle_expiry;   // moved by each use

@@ -31,6 +31,7 @@ class ORVAN_NET_EXPORT NetworkRequest : public AtomicReferent {
 
   // What a caller fills in.
   struct ORVAN_NET_EXPORT Info {
+    // What becomes of the Accept line.
     enum DefaultHeaders {
       kKeepDefaultHeaders = 1,   // the headers that a new HttpRequest starts with stay
       kClearDefaultHeaders = 2,  // they go before `headers_` are applied

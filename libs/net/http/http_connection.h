@@ -49,6 +49,7 @@ class ORVAN_NET_EXPORT HttpConnection {
     virtual ~RequestCallbacks();  // behind the hooks: the order of virtual operations is agreed
 
    protected:
+    // See the constructor above.
     enum Registration { kUnregistered };
     explicit RequestCallbacks(Registration);
   };
@@ -101,7 +102,8 @@ class ORVAN_NET_EXPORT HttpConnection {
   static int GetMsgCount();
   static void SetMsgCount(int count);
 
-  // The requests in flight, and those that wait for the callback thread.
+  // For transports: the requests in flight, without references, and those that wait for the callback thread,
+  // each with a reference of the queue's own. Any thread.
   void AppendAsyncRequest(HttpRequest* request);
   void RemoveAsyncRequest(HttpRequest* request);
   HttpRequest* GetNextAsyncRequest();
@@ -112,12 +114,15 @@ class ORVAN_NET_EXPORT HttpConnection {
   // Run the hooks. What DoPreSendRequest() returns is for transports that heed it; the Qt transport does not.
   bool DoPreSendRequest(HttpRequest* request);
   bool DoPreCompleteRequest(HttpRequest* request);
+  // What RequestCallbacks do by themselves. An object that is not registered is no error.
   static void RegisterHttpCallback(RequestCallbacks* callbacks);
   static void UnregisterHttpCallback(RequestCallbacks* callbacks);
 
   // The connection's side of the secure-host rule (http_connection_factory.h).
+  // Whether HTTPS is used though the connection was made for HTTP, at this moment.
   bool ForcedHttps() const;
   static bool IsInsecureQuorexConn(const QString& host, bool secure, int port);
+  // Scheme and host, and the port if it is not the default; the last one adds the request's path and query.
   QString MakeBaseUrlString() const;
   QUrl MakeBaseUrl() const;
   QUrl MakeFullUrl(const HttpRequest& request) const;

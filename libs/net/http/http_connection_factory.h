@@ -25,6 +25,7 @@ struct AuthEvent {
   QString realm;
 };
 
+// Hears of authentication failures. Implemented by the application.
 class ORVAN_NET_EXPORT IHttpAuthFailureObserver {
  public:
   virtual ~IHttpAuthFailureObserver();
@@ -40,6 +41,7 @@ class ORVAN_NET_EXPORT IHttpAuthFailureObserver {
 // Threads:   every static operation on any thread. The certificate handler and
 //            ClearConnectionCredentials() run under a lock of this class, and must not call back into it.
 // Ownership: factories and handlers that are set are not owned. A connection belongs to the caller.
+// Errors:    null for a connection that could not be made; there are no others.
 class ORVAN_NET_EXPORT HttpConnectionFactory {
  public:
   // Also makes the memory pool of all response bodies.
@@ -47,8 +49,10 @@ class ORVAN_NET_EXPORT HttpConnectionFactory {
   HttpConnectionFactory(const HttpConnectionFactory&) = delete;
   HttpConnectionFactory& operator=(const HttpConnectionFactory&) = delete;
 
+  // A new connection, which the caller owns, or null. On any thread, several at a time.
   virtual HttpConnection* create(const ServerInfo* server, MemoryManager* manager, double timeout,
                                  int transfer_timeout, int connection_limit) = 0;
+  // All credentials were cleared: forget those that connections keep.
   virtual void ClearConnectionCredentials() = 0;
   virtual ~HttpConnectionFactory();
 
@@ -83,8 +87,10 @@ class ORVAN_NET_EXPORT HttpConnectionFactory {
   // copy. An explicit port becomes 443, an absent one stays absent.
   static QUrl MakeSecureUrl(const QUrl& url);
 
+  // Who is asked for credentials when a server or proxy wants some; null for nobody.
   static void SetUsernamePasswordQueryHandler(IUsernamePasswordQueryHandler* handler);
   static IUsernamePasswordQueryHandler* GetUsernamePasswordQueryHandler();
+  // Who chooses client certificates; null for nobody.
   static void SetCertificateHandler(ICertificateHandler* handler);
   // Asks the handler; false without one.
   static bool GetCertificateFromList(const mmvector<CertificateInfo*>& certificates,

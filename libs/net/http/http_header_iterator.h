@@ -9,6 +9,7 @@ namespace orvan::net {
 // A cursor over a raw header block (RFC 7230, 3.2), with folded lines. Stops at the blank line.
 //
 // Shape:     a plain value over bytes that it does not own, [begin, end).
+// Threads:   one at a time.
 class ORVAN_NET_EXPORT HttpHeaderIterator {
  public:
   HttpHeaderIterator(const char* begin, const char* end);

@@ -21,6 +21,7 @@ class ORVAN_NET_EXPORT HttpRequestPriorityQueue {
   HttpRequestPriorityQueue& operator=(const HttpRequestPriorityQueue&) = delete;
   virtual ~HttpRequestPriorityQueue();
 
+  // Enters the request, once more if it is there already.
   void AppendRequest(HttpRequest* request);
   // Removes and returns the first request; null if there is none.
   HttpRequest* PopNextRequest();

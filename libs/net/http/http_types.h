@@ -15,6 +15,7 @@ enum HttpMethod {
 
 // A request header as the layers above describe it, applied in order when the request is made.
 struct RequestHeader {
+  // What `text` is.
   enum Type {
     kLine = 0,         // `text` is a whole header line
     kCookie = 1,       // `text` and `value` are a cookie's name and value

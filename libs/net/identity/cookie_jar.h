@@ -41,6 +41,7 @@ class ORVAN_NET_EXPORT QNetworkCookieJarExt : public QNetworkCookieJar {
 // Threads: any. The jar object belongs to no thread and is never destroyed.
 class ORVAN_NET_EXPORT CookieJar {
  public:
+  // Never null.
   static QNetworkCookieJarExt* GetQtCookieJar();
   // True in every case, whatever the jar accepted.
   static bool SetCookieFromUrl(const QList<QNetworkCookie>& cookies, const QUrl& url);

@@ -7,7 +7,8 @@ namespace orvan::net {
 // Base64 (RFC 4648, 4) in the form of a PEM body: "=" at the end, no line breaks, no terminator. Nothing in
 // this library uses these two.
 //
-// Errors: 0 is success, 1 a text that is none; the output and its length are undefined then.
+// Threads: any.
+// Errors:  0 is success, 1 a text that is none; the output and its length are undefined then.
 
 // Encodes `block_length` bytes. `encoded` has room for 4 bytes for every 3 bytes begun; `encoded_length` gets
 // how many were written.

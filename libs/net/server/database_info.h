@@ -6,7 +6,7 @@
 
 namespace orvan::net {
 
-// One geographic database, by its URL. A value.
+// One geographic database, by its URL. A value: copies are independent, and belong to one thread at a time.
 //
 // Errors: an empty URL, or one whose scheme is not supported, leaves everything null but the label.
 class ORVAN_NET_EXPORT DatabaseInfo {
@@ -16,6 +16,7 @@ class ORVAN_NET_EXPORT DatabaseInfo {
   DatabaseInfo(const QString& url, bool second_flag);
   DatabaseInfo(const QString& url, const QString& label);
 
+  // Takes another URL, and makes everything but the label anew.
   void SetUrl(const QString& url);
   // Derives simple_name() and target() from the URL; SetUrl() has done so.
   void InitSimpleName();

@@ -7,6 +7,7 @@
 
 namespace orvan::net {
 
+// The protocols that the library speaks.
 enum QOProtocol {
   kQOProtocolHttp = 0,
   kQOProtocolHttps = 1,
@@ -34,6 +35,7 @@ class ORVAN_NET_EXPORT ServerInfo {
   ServerInfo& operator=(const ServerInfo&) = default;
   virtual ~ServerInfo();
 
+  // The user agent and the two fields for matching stay.
   void SetServerInfo(const QString& host, int port, bool secure);
   void SetServerInfo(const QString& url);
 
@@ -71,12 +73,18 @@ class ORVAN_NET_EXPORT ServerInfo {
   static QUrl SanitizeUrl(const QString& text, bool add_slash);
   // A forgiving parse: strict first, then with stray escapes resolved, one character for each.
   static QUrl QUrlFromQString(const QString& text);
+  // `relative` resolved against `base` by ResolveUrlPreserveQuery(), as a whole URL or as its encoded path
+  // and query. Empty if either is no valid URL.
   static QString BuildUrl(const QString& base, const QString& relative, bool path_only);
+  // The two texts one behind the other; like BuildUrl() if the base has a query.
   static QString BuildUrlFromSanitized(const QString& base, const QString& relative);
+  // "http://host:port/", as SanitizeUrl() has it.
   static QString BuildUrlFromHostAndPort(const QString& host, int port);
   // Every item behind the "?" needs a "=": one without ends the process with "index out of range".
   static QUrl BuildUrlWithQueries(const QString& host, int port, const QString& path, bool secure);
+  // BuildUrl() without sanitizing the base.
   static QString AssembleUrls(const QUrl& base, const QUrl& relative, bool path_only);
+  // Whether both sanitize to one URL, with and without a slash at the end. Two unsupported URLs always do.
   static bool EquivalentServerUrls(const QString& a, const QString& b);
   static bool EquivalentUrls(const QString& a, const QString& b);
   // Prepares the table of protocols; every reader does that by itself.

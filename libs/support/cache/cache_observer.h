@@ -16,6 +16,7 @@ namespace orvan {
 //          while the object is reclaimable.
 class ORVAN_SUPPORT_EXPORT CacheObserver {
  public:
+  // How urgently memory is wanted.
   struct Event {
     unsigned char demanded;  // 0: freeing is asked for; otherwise it is demanded
   };
@@ -32,6 +33,7 @@ class ORVAN_SUPPORT_EXPORT CacheObserver {
 
   // The object now holds `delta` bytes more, or less.
   void ChangeUnpooledBytes(int delta);
+  // Offers the object to the reclaimer, or withdraws it. A new object is withdrawn.
   void SetIsReclaimable(bool reclaimable);
   qint64 GetUnpooledBytes() const { return bytes_.load(std::memory_order_relaxed); }
 

@@ -12,9 +12,11 @@
 
 namespace orvan {
 
-// Hears how a write ended. `id` is what the writer was made with.
+// Hears how a write ended, once for each writer, on the thread that ended it and under no lock. `id` is what
+// the writer was made with.
 class ORVAN_SUPPORT_EXPORT AbstractWriterCallback : public AtomicReferent {
  public:
+  // Why there is no file.
   enum WriteError {
     kCannotWrite = 1,  // the directory is not ours, the disk is full, or something else went wrong
     kTakenBack = 2,    // the job was removed before its end

@@ -75,8 +75,9 @@ ORVAN_SUPPORT_EXPORT QByteArray UnzipEntry(void* zip, const ArchiveEntry& entry,
 // unzClose(), for callers that know nothing of minizip. Null does nothing.
 ORVAN_SUPPORT_EXPORT void CloseZFile(void* zip);
 
-// Bytes that one entry may unfold to, 256 MiB unless set.
+// Bytes that one entry may unfold to, 256 MiB unless set. Any thread; a change counts from the next entry on.
 ORVAN_SUPPORT_EXPORT void SetExtractionLimit(std::size_t bytes);
+// The limit at the moment.
 ORVAN_SUPPORT_EXPORT std::size_t GetExtractionLimit();
 
 }  // namespace orvan::kmz

@@ -11,7 +11,8 @@ namespace orvan {
 
 class AbstractJob;
 
-// Tells a long job whether it may go on, or should give way and be run again later.
+// Tells a long job whether it may go on, or should give way and be run again later. Asked on the thread that
+// runs the job.
 class ORVAN_SUPPORT_EXPORT IJobContinuator {
  public:
   virtual ~IJobContinuator();
@@ -34,6 +35,7 @@ class ORVAN_SUPPORT_EXPORT ITimingSource {
   virtual double GetSeconds() const = 0;
 };
 
+// The machine's steady clock. One object, on any thread.
 class ORVAN_SUPPORT_EXPORT SystemTime : public ITimingSource {
  public:
   static SystemTime* GetSingleton();
@@ -103,7 +105,7 @@ class ORVAN_SUPPORT_EXPORT IJobExecutor {
   virtual void DoExecuteAsync(std::function<void()> function, const char* name) = 0;
 };
 
-// Runs functions on the main thread.
+// Runs functions on the main thread, once its event loop runs.
 class ORVAN_SUPPORT_EXPORT MainThreadJobExecutor : public IJobExecutor {
  protected:
   void DoExecuteAsync(std::function<void()> function, const char* name) override;

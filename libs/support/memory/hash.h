@@ -11,19 +11,22 @@ namespace orvan {
 
 constexpr std::uint32_t kHashSeed = 0x12345678;
 
-// The steps of MurmurHash2 in 32 bits: a block of four bytes, a last odd pair of bytes, and the end. A text
-// is taken as its UTF-16 units, two to a block, the earlier one in the low half.
+// The steps of MurmurHash2 in 32 bits. A text is taken as its UTF-16 units, two to a block, the earlier one
+// in the low half.
 constexpr std::uint32_t kHashMultiplier = 0x5BD1E995;
 
+// A block of four bytes.
 constexpr std::uint32_t HashBlock(std::uint32_t hash, std::uint32_t block) {
   std::uint32_t k = block * kHashMultiplier;
   k ^= k >> 24;
   k *= kHashMultiplier;
   return (hash * kHashMultiplier) ^ k;
 }
+// A last odd pair of bytes.
 constexpr std::uint32_t HashTail(std::uint32_t hash, std::uint16_t unit) {
   return (hash ^ unit) * kHashMultiplier;
 }
+// The end.
 constexpr std::uint32_t HashFinish(std::uint32_t hash) {
   hash ^= hash >> 13;
   hash *= kHashMultiplier;
@@ -39,6 +42,7 @@ constexpr std::uint32_t HashWord(std::uint32_t value) { return HashFinish(HashBl
 // HashTest.ALeadingPartIsAStepOnTheWay holds this in place.
 template <typename T>
 std::uint32_t GenerateHash(const T& value, std::uint32_t seed);
+// The only kind of value so far.
 template <>
 inline std::uint32_t GenerateHash<QString>(const QString& text, std::uint32_t seed) {
   const ushort* unit = text.utf16();
@@ -54,10 +58,12 @@ inline std::uint32_t GenerateHash<QString>(const QString& text, std::uint32_t se
 template <typename T>
 struct StlHashAdapter;
 
+// Numbers, by their value.
 template <>
 struct StlHashAdapter<unsigned int> {
   std::size_t operator()(unsigned int value) const { return HashWord(value); }
 };
+// Texts, with regard to letter case.
 template <>
 struct StlHashAdapter<QString> {
   std::size_t operator()(const QString& text) const { return GenerateHash(text, kHashSeed); }
@@ -69,6 +75,7 @@ struct StlHashAdapter<T*> {
     return HashWord(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(pointer)));
   }
 };
+// Counted objects, by their address.
 template <typename T>
 struct StlHashAdapter<RefPtr<T>> {
   std::size_t operator()(const RefPtr<T>& pointer) const { return StlHashAdapter<T*>()(pointer.get()); }

@@ -42,7 +42,8 @@ class ORVAN_SUPPORT_EXPORT MemoryManager {
   std::atomic<std::size_t> in_use_{0};  // a statistic, orders nothing
 };
 
-// A named pool that a HeapManager draws from. Counted; starts with one reference, that of its maker.
+// A named pool that a HeapManager draws from. Counted; starts with one reference, that of its maker. The
+// count is not atomic: a pool belongs to one thread until its HeapManager has it.
 class ORVAN_SUPPORT_EXPORT MemoryPool {
  public:
   MemoryPool(const QString& name, unsigned int bytes);

@@ -62,11 +62,13 @@ class ORVAN_SUPPORT_EXPORT Setting {
   Setting& operator=(const Setting&) = delete;
   virtual ~Setting();
 
+  // False, and nothing has changed, for a text that is no value of this type.
   virtual bool fromString(const QString& text) = 0;
   virtual QString toString() const = 0;
   virtual bool IsDefault() const = 0;
   // A number for the type of the value.
   virtual int getType() const = 0;
+  // Keep the value on a stack, and go back to the one that was kept last: false if there is none.
   virtual void PushSetting() = 0;
   virtual bool PopSetting() = 0;
   virtual void ResetToDefault() = 0;
@@ -140,10 +142,12 @@ class SettingValue<std::pair<int, int>> {
 // Number of each value type, as Setting::getType() answers it.
 template <typename T>
 struct SettingType;
+// Whole numbers.
 template <>
 struct SettingType<int> {
   static constexpr int kValue = 1;
 };
+// Pairs of them.
 template <>
 struct SettingType<std::pair<int, int>> {
   static constexpr int kValue = 7;
