@@ -48,6 +48,8 @@ function(orvan_folder name)
   set_property(GLOBAL APPEND PROPERTY ORVAN_INTERNAL_HEADERS ${arg_INTERNAL})
   if(headers)
     install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvan/${where} COMPONENT Development)
+    list(TRANSFORM headers PREPEND ${where}/)
+    set_property(GLOBAL APPEND PROPERTY ORVAN_INSTALLED_HEADERS ${headers})
   endif()
 endfunction()
 

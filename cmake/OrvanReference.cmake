@@ -1,0 +1,10 @@
+# Target `reference`: the installed headers as HTML, in reference/html of the build folder. Made on demand only.
+find_program(ORVAN_DOXYGEN doxygen)
+if(ORVAN_DOXYGEN)
+  get_property(headers GLOBAL PROPERTY ORVAN_INSTALLED_HEADERS)
+  list(TRANSFORM headers PREPEND "\"${PROJECT_SOURCE_DIR}/include/orvan/")
+  list(TRANSFORM headers APPEND "\"")
+  list(JOIN headers " " ORVAN_REFERENCE_INPUT)
+  configure_file(${PROJECT_SOURCE_DIR}/docs/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
+  add_custom_target(reference COMMAND ${ORVAN_DOXYGEN} ${PROJECT_BINARY_DIR}/Doxyfile VERBATIM)
+endif()
