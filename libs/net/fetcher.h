@@ -162,7 +162,7 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   void SetByteArray(const QByteArray& bytes);
 
  private:
-  class InvokeCallbackJob;
+  class ORVAN_NET_HIDDEN InvokeCallbackJob;
   friend class AsyncFetchJob;
   friend class FinishKmzJob;
   friend class UnzipJob;

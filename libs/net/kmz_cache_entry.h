@@ -57,7 +57,7 @@ class ORVAN_NET_EXPORT KmzCacheEntry : protected CacheObserver, public WeakAtomi
   bool is_local() const { return is_local_; }
 
  private:
-  class SetReclaimableJob;
+  class ORVAN_NET_HIDDEN SetReclaimableJob;
   friend class KmzCache;
 
   // The size and the check sum of bytes that were in memory.

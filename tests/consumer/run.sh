@@ -1,7 +1,8 @@
 #!/bin/bash
 # Installs what is built into a folder of its own, outside the tree, and looks at it with a stranger's eyes:
 # a project that uses find_package(OrvanNet), and its twin that uses pkg-config, are built and run there; each
-# installed header compiles alone; none is missing and none is there that should not be.
+# installed header compiles alone; none is missing and none is there that should not be; the libraries show what the
+# headers mark as exported, and nothing else.
 #
 #   run.sh <build folder> <source root> <C++ compiler> <build type> <list of internal headers>
 set -euo pipefail
@@ -31,6 +32,10 @@ while read -r header; do complain "$header is internal, and installed"; done \
   < <(comm -12 "$work/installed" "$work/internal")
 while read -r header; do complain "$header is neither installed nor internal"; done \
   < <(sort -m "$work/installed" "$work/internal" | comm -13 - "$work/all")
+
+echo "-- symbols"
+/usr/bin/python3 -B "$here/check_symbols.py" "$prefix/include" "$libdir/liborvan_support.so" "$libdir/liborvan_net.so" ||
+  complain "the libraries show more or less than their headers say"
 
 # Only what pkg-config names is on the path; Qt's headers are not judged.
 export PKG_CONFIG_PATH=$libdir/pkgconfig

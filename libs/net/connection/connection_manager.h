@@ -81,7 +81,7 @@ class ORVAN_NET_EXPORT ConnectionManager : private HttpRequest::Callback, privat
  private:
   friend class ConnectionRefCounter;
   friend class RequestDoneJob;
-  struct Private;
+  struct ORVAN_NET_HIDDEN Private;
 
   // Drops a reference under the lock, so that no pass can find a connection whose last one has just gone.
   void DropConnection(RefPtr<ConnectionRefCounter> connection);

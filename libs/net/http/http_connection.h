@@ -149,7 +149,7 @@ class ORVAN_NET_EXPORT HttpConnection {
  private:
   // What the callback thread works on. Shared with that thread, which outlives the connection when a callback
   // destroys it.
-  struct CallbackService;
+  struct ORVAN_NET_HIDDEN CallbackService;
 
   void DropRequests();
   static void SetCookieImpl(const QString& base_url, const QString& name, const QString& value);

@@ -32,7 +32,7 @@ class ORVAN_NET_EXPORT RequestSet {
   void CancelAllRequests();
 
  private:
-  struct Requests;
+  struct ORVAN_NET_HIDDEN Requests;
 
   SpinLock lock_;  // a leaf
   const std::unique_ptr<Requests> requests_ ORVAN_PT_GUARDED_BY(lock_);

@@ -43,7 +43,7 @@ class ORVAN_NET_EXPORT AuthCache : public AtomicReferent {
   static QString ParseRealmFromHeader(const QString& header);
 
  private:
-  struct Tables;
+  struct ORVAN_NET_HIDDEN Tables;
 
   mutable SpinLock lock_;  // inside the lock of HttpConnectionFactory
   const std::unique_ptr<Tables> tables_ ORVAN_PT_GUARDED_BY(lock_);

@@ -58,7 +58,7 @@ class ORVAN_NET_EXPORT PromptBridge : public IUsernamePasswordQueryHandler {
                                 bool* save) override;
 
  private:
-  class State;
+  class ORVAN_NET_HIDDEN State;
   const std::shared_ptr<State> state_;  // shared with what is on its way to the main thread
 };
 

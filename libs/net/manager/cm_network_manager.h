@@ -46,7 +46,7 @@ class ORVAN_NET_EXPORT CmNetworkManager : public AbstractNetworkManager, private
   static RequestHeader GetNetHeaderFromPair(const QString& name, const QString& value);
 
  private:
-  struct Requests;
+  struct ORVAN_NET_HIDDEN Requests;
 
   void RequestDone(NetworkRequest* request, void* user_data) override;
   void SetUpHeaders(const QMap<QByteArray, QByteArray>& headers, const QMap<QByteArray, QByteArray>& cookies,

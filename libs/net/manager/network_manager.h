@@ -30,7 +30,7 @@ class ORVAN_NET_EXPORT NetworkManager : public AbstractNetworkManager {
 
  private:
   friend class HttpRequestHandle;
-  struct Shared;
+  struct ORVAN_NET_HIDDEN Shared;
 
   void Finished(unsigned int id);
 

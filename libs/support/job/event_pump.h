@@ -46,7 +46,7 @@ class ORVAN_SUPPORT_EXPORT EventPump {
 
  private:
   friend struct EventPumpStartup;
-  struct Private;
+  struct ORVAN_SUPPORT_HIDDEN Private;
   EventPump();
   ~EventPump() = delete;
 

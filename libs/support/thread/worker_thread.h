@@ -64,7 +64,7 @@ class ORVAN_SUPPORT_EXPORT WorkerThread {
   int GetQueueLength() const;
 
  private:
-  struct Queue;
+  struct ORVAN_SUPPORT_HIDDEN Queue;
   void Add(Job* job);
 
   std::shared_ptr<Queue> queue_;  // shared with the thread, which may outlive this object (see destructor)
