@@ -124,6 +124,7 @@ void Fetcher::StartUnzip() {
     return;
   }
   state_ = kFetchFetching;
+  CancelUnzipJob();  // a subclass may have called Done() before, and its job would outlive us uncancelled
   unzip_job_ = UnzipJob::CreateAndQueue(s_unzip_thread_, GetDefaultJobScheduler(), this);
 }
 

@@ -1,10 +1,12 @@
 #include "orvan/net/kmz_cache.h"
 
-#include <climits>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <climits>
 #include <limits>
 
 #include "orvan/net/url_text.h"
@@ -43,6 +45,16 @@ struct PartEqualsKey {
 // nothing but a look at their characters.
 bool IsAbsolutePath(const QString& path) {
   return path.startsWith(QLatin1Char('/')) || !QFileInfo(path).isRelative();
+}
+
+// Whether the directory, and the link that stands for it if there is one, are this user's own. Copies are
+// written nowhere else, so whatever lies in another user's directory is not ours to remove.
+bool IsOwnDirectory(const QString& path) {
+  const QByteArray name = QFile::encodeName(path);
+  struct stat link {};
+  struct stat directory {};
+  return lstat(name.constData(), &link) == 0 && link.st_uid == geteuid() &&
+         stat(name.constData(), &directory) == 0 && directory.st_uid == geteuid();
 }
 
 }  // namespace
@@ -186,7 +198,7 @@ void KmzCache::CleanupCache() {
   SpinLockGuard guard(lock_);
   entries_.clear();
   const QString dir = GetKmzTmpDir();
-  if (!QDir(dir).exists()) return;
+  if (!QDir(dir).exists() || !IsOwnDirectory(dir)) return;
   const QStringList names =
       QDir(dir).entryList({QStringLiteral("qxTemp_*.kmz")}, QDir::NoFilter, QDir::NoSort);
   for (const QString& name : names) QFile(dir + QLatin1Char('/') + name).remove();
