@@ -64,7 +64,7 @@ bool Fetcher::FindInKmz(const QString& url, QString& kmz_url, QString& kmz_path)
   }
   if (cache->NumEntries() == 0) return false;
   if (FindPartialInKmzCache(clean, kmz_url, kmz_path)) return true;
-  if (FindPartialInKmzCache(url, kmz_url, kmz_path)) return true;
+  if (url != clean && FindPartialInKmzCache(url, kmz_url, kmz_path)) return true;
   kmz_url = QStringNull();
   kmz_path = QStringNull();
   return false;
