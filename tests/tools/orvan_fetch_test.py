@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """Tests orvan-fetch from outside: orvan_fetch_test.py <path of the program> [<test>...]"""
+import base64
 import email
 import http.server
 import io
 import json
 import os
 import pty
+import re
 import signal
 import subprocess
 import sys
@@ -19,6 +21,8 @@ PROGRAM = ""
 WAIT = 60  # seconds; no wait of these tests is longer
 DATE = "Tue, 01 Jul 2025 10:00:00 GMT"
 STEERING = b"\x1b]0;owned\x07"
+GOOD = "Basic " + base64.b64encode(b"ann:s3cret").decode()
+os.environ["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=/nowhere"  # not the keychain of whoever runs this
 
 
 def make_archive(*entries):
@@ -69,6 +73,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if path in ("/a.kmz", "/get"):
             Handler.archive_requests.append(self.path)
             return self.answer(200, Handler.archive)
+        if path == "/secret" and self.headers.get("Authorization") != GOOD:
+            return self.answer(401, b"", [("WWW-Authenticate", 'Basic realm="r"')])
+        if path == "/elsewhere":
+            return self.answer(302, b"", [("Location", "http://localhost:%d/secret" % self.server.server_port)])
         if path == "/steering":
             return self.answer(200, b"plain" + STEERING, [("X-Title", "a\x1b[2Jb\x9bc")])
         return self.answer(200, b"body of " + self.path.encode())
@@ -350,8 +358,9 @@ class OrvanFetchTest(unittest.TestCase):
         self.assertIn(b'left out  "images/a.png"', said)
         self.assertIn(b"1 of 3 entries were left out", said)
 
-    def on_a_terminal(self, *arguments):
-        """Exit status and all that the program writes to a terminal."""
+    def on_a_terminal(self, *arguments, talk=()):
+        """Exit status and all that the program writes to a terminal. Talk: what it says, what is typed then."""
+        talk, unread = list(talk), b""
         child, terminal = pty.fork()
         if child == 0:
             os.execv(PROGRAM, [PROGRAM, *arguments])
@@ -359,9 +368,14 @@ class OrvanFetchTest(unittest.TestCase):
         try:
             while chunk := os.read(terminal, 65536):
                 seen += chunk
+                unread += chunk
+                while talk and (found := re.search(talk[0][0], unread, re.DOTALL)):
+                    unread = unread[found.end():]
+                    os.write(terminal, talk.pop(0)[1])
         except OSError:  # how Linux says that the other side has closed
             pass
         os.close(terminal)
+        self.assertEqual(talk, [])
         return os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), seen
 
     def test_a_terminal_gets_progress_for_many_and_nothing_that_steers_it(self):
@@ -378,6 +392,27 @@ class OrvanFetchTest(unittest.TestCase):
         status, seen = self.on_a_terminal("--extract-all", self.path("d"), self.origin + "/a.kmz")
         self.assertEqual(status, 0)
         self.assertRegex(seen, rb"1 of 3 done, 0 failed, 6 bytes")
+
+    def test_a_terminal_is_asked_without_echo_while_other_fetches_go_on(self):
+        self.write("local", b"")
+        for arguments, talk, status in [
+            ([], [(b"User name: .*/local|/local.*User name: ", b"ann\n"), (b"Password: ", b"s3cret\n")], 0),
+            (["--user", "ann"], [(b"Password: ", b"wr0ng\n"), (b"Password: ", b"s3cret\n")], 0),
+            ([], [(b"User name: ", b"\n")], 1),
+            (["--user", "ann"], [(b"Password: ", b"\x03")], 130),
+        ]:
+            urls = self.origin + "/secret", self.path("local")
+            ended, seen = self.on_a_terminal(*arguments, *urls, talk=talk)
+            self.assertEqual(ended, status, seen)
+            self.assertNotRegex(seen, b"s3cret|wr0ng")
+
+    def test_a_password_file_answers_for_the_hosts_of_the_urls_only(self):
+        for password, path, status in [(b"s3cret\n", "/secret", 0), (b"wrong", "/secret", 1),
+                                       (b"s3cret", "/elsewhere", 1), (b"two\nlines", "/secret", 2)]:
+            self.write("password", password)
+            done = self.run_tool("--user", "ann", "--password-file", "password", self.origin + path, status=status)
+            self.assertNotIn(password.strip(), done.stdout + done.stderr)
+            self.assertEqual(b"not answered" in done.stderr, path == "/elsewhere")
 
 
 if __name__ == "__main__":
