@@ -142,8 +142,8 @@ def measure(program, load, peer, nginx, quick):
     return result
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+def main(all_loads, says):
+    parser = argparse.ArgumentParser(description=says.split("\n")[0])
     parser.add_argument("program")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--only", default="", help="keys of workloads, separated by commas")
@@ -156,7 +156,7 @@ def main():
         os.chmod(folder, 0o755)
         nginx = Nginx(folder)
         try:
-            for load in workloads():
+            for load in all_loads:
                 if only and load.key not in only:
                     continue
                 rounds = []
@@ -207,4 +207,4 @@ def show(result):
 
 
 if __name__ == "__main__":
-    main()
+    main(workloads(), __doc__)
