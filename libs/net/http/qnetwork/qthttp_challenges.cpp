@@ -151,7 +151,7 @@ bool QtHttpConnection::GetUsernameAndPassword(const QString& host, const QString
 bool QtHttpConnection::AskUser(const QString& host, const QString& realm, const QString& prompt, bool refused,
                                QString* username, QString* password) {
   // Not a slip: the refused pair goes even if nobody can be asked for a better one.
-  // ChallengeTest.WhateverARealmIsItemsStayWholeAndSeparate holds this in place.
+  // CredentialsTest.TheKeychainIsAskedFirstAndTheUserSecond holds this in place.
   if (refused) DeleteUsernameAndPassword(host, realm);
   username->clear();
   password->clear();
