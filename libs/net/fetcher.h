@@ -115,7 +115,7 @@ class ORVAN_NET_EXPORT Fetcher : public AtomicReferent,
   virtual double GetExpireTime() const;  // the largest finite double if nobody said otherwise
   virtual bool IsKmz() const;            // what came was an archive, or a file out of one
 
-  // The steps of a fetch, for subclasses made by an override factory.
+  // The steps of a fetch, for subclasses made by an override factory. Each is called once.
   virtual void Done();
   virtual void DoFetch(const FetchParams& params);
   void RequestDone(NetworkRequest* request, void* user_data) override;

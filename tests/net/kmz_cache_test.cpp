@@ -162,6 +162,19 @@ TEST_F(KmzCacheEntryTest, GivesUpItsBytesOnceTheCopyIsThere) {
   EXPECT_EQ(entry->unzipFile("b.txt"), "") << "nothing out of the copy of what was there before";
 }
 
+TEST_F(KmzCacheEntryTest, TheLongestUnusedGoesFirst) {
+  std::vector<RefPtr<KmzCacheEntry>> entries;
+  for (int frame : {7, 5, 6}) {
+    System::s_cur_frame = frame;
+    entries.push_back(MakeOpen());
+  }
+  const qint64 old_budget = MemoryReclaimer::GetBudget(), total = MemoryReclaimer::GetTotalBytes();
+  MemoryReclaimer::SetBudget((total - kmz_.size()) / 3 * 4);  // asks down to three quarters of it
+  MemoryReclaimer::RunPass();
+  MemoryReclaimer::SetBudget(old_budget);
+  for (int i : {0, 1, 2}) EXPECT_EQ(entries[static_cast<std::size_t>(i)]->GetBytes().isEmpty(), i == 1) << i;
+}
+
 TEST_F(KmzCacheEntryTest, KeepsBytesWithoutACopyUntilTheyAreDemanded) {
   const std::function<void(KmzCacheEntry&)> accidents[] = {
       [](KmzCacheEntry& entry) { QFile::remove(entry.file_name()); },

@@ -5,8 +5,13 @@
 
 namespace orvan_fetch {
 
-ArchiveTask::ArchiveTask(const Options& options, Report* report)
-    : options_(options), report_(report), room_(options.max_total_bytes) {}
+namespace {
+
+constexpr quint64 kFolderBytes = 4096;  // what a directory takes on disk, more or less
+
+}  // namespace
+
+ArchiveTask::ArchiveTask(const Options& options, Report* report) : options_(options), report_(report) {}
 
 QString ArchiveTask::Prepare() {
   return options_.task == Task::kExtractAll ? folder_.Open(options_.output_path) : QString();
@@ -59,7 +64,9 @@ UnpackedEntry ArchiveTask::UnpackOne(const FetchedArchive& archive, const orvan:
   const EntryPath path = EntryPath::Of(entry.name);
   if (!path.problem.isEmpty()) return {path.problem, QString(), 0};
   // One packed file may serve a thousand entries, so a small archive can be meant to fill the disk.
-  if (entry.size > room_) {
+  // A directory takes a block, too, and needs no packed byte at all.
+  const quint64 taken = written_ + folder_.folders_made() * kFolderBytes;
+  if (taken > options_.max_total_bytes || entry.size > options_.max_total_bytes - taken) {
     return {QStringLiteral("with its %1 bytes it would be more than --max-total-bytes").arg(entry.size),
             QString(), 0};
   }
@@ -70,7 +77,7 @@ UnpackedEntry ArchiveTask::UnpackOne(const FetchedArchive& archive, const orvan:
   }
   if (problem.isEmpty()) problem = folder_.Write(path, bytes);
   if (!problem.isEmpty()) return {problem, QString(), 0};
-  room_ -= static_cast<quint64>(bytes.size());
+  written_ += static_cast<quint64>(bytes.size());
 
   QString saved_as = options_.output_path;
   for (const QByteArray& piece : path.folders) saved_as += QLatin1Char('/') + QString::fromUtf8(piece);

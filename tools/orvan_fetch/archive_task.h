@@ -36,7 +36,7 @@ class ArchiveTask {
   const Options& options_;
   Report* const report_;
   UnpackFolder folder_;
-  quint64 room_;  // bytes that may still be written
+  quint64 written_ = 0;  // bytes of files
 };
 
 }  // namespace orvan_fetch

@@ -99,10 +99,11 @@ QString UnpackFolder::Open(const QString& path) {
   return QStringLiteral("cannot use the directory \"%1\": %2").arg(path, reason);
 }
 
-QString UnpackFolder::Write(const EntryPath& path, const QByteArray& bytes) const {
+QString UnpackFolder::Write(const EntryPath& path, const QByteArray& bytes) {
   Descriptor folder(fcntl(root_, F_DUPFD_CLOEXEC, 0));
   for (const QByteArray& piece : path.folders) {
     const int made = mkdirat(folder.get(), piece.constData(), 0777);
+    if (made == 0) ++folders_made_;
     Descriptor next(made == 0 || errno == EEXIST ? openat(folder.get(), piece.constData(),
                                                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
                                                  : -1);

@@ -34,10 +34,13 @@ class UnpackFolder {
   // Makes the directory if it is not there. Once, before anything is written.
   QString Open(const QString& path);
   // `path` must not have a problem. A directory that is there already is none.
-  QString Write(const EntryPath& path, const QByteArray& bytes) const;
+  QString Write(const EntryPath& path, const QByteArray& bytes);
+  // How many directories Write() has made.
+  quint64 folders_made() const { return folders_made_; }
 
  private:
   int root_ = -1;  // descriptor
+  quint64 folders_made_ = 0;
 };
 
 }  // namespace orvan_fetch
