@@ -7,7 +7,7 @@ import sys
 root = pathlib.Path(sys.argv[1])
 header = (root / "libs/net/http/http_status.h").read_text("utf-8")
 source = (root / "libs/net/http/http_status.cpp").read_text("utf-8")
-document = (root / "docs/errors.md").read_text("utf-8")
+document = (root / "docs/errors.md").read_text("utf-8").replace("&nbsp;", " ")
 
 words = re.findall(r"constexpr unsigned int (kStatus(?!Http|\w*Mask)\w+) = (0x\w{8});", header)
 states = re.findall(r"constexpr FetchState (k\w+) = (\d+);", header)

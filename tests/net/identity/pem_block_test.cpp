@@ -23,7 +23,7 @@ std::string Decode(const std::string& text) { return Run(R_DecodePEMBlock, text.
 
 TEST(PemBlockTest, DecodesWhatIsBase64) {
   std::string bytes;
-  for (int i = 0; i < 100000; ++i) bytes += static_cast<char>(i * i);  // more than one piece
+  for (unsigned i = 0; i < 100000; ++i) bytes += static_cast<char>(i * i);  // more than one piece
   EXPECT_EQ(Decode(Encode(bytes)), bytes);
   const std::pair<std::string, std::string> kRows[] = {
       {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"\xFB\xFF\xFE", "+//+"}};
