@@ -301,7 +301,7 @@ QString TakeBody(const Arguments& arguments, Options* options) {
   if (typed && arguments.body.IsForm()) {
     return QStringLiteral("-H Content-Type: a form has one of its own");
   }
-  const QString problem = MakeBody(arguments.body, &options->body);
+  QString problem = MakeBody(arguments.body, &options->body);
   if (problem.isEmpty() && !typed) {
     options->header_lines.append(content_type + QStringLiteral(": ") +
                                  QString::fromLatin1(options->body.type));
@@ -324,7 +324,7 @@ QString TakeDoor(const Arguments& arguments, Options* options) {
   } else if (arguments.body.Option()) {
     options->method = orvan::net::kHttpPost;
   }
-  const QString problem = CheckDoor(arguments, *options);
+  QString problem = CheckDoor(arguments, *options);
   return problem.isEmpty() ? TakeBody(arguments, options) : problem;
 }
 
