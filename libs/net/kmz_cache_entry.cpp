@@ -165,7 +165,7 @@ QByteArray KmzCacheEntry::unzipFile(const QString& path) {
     }
     OpenZFile(bytes);
   }
-  const QByteArray file = kmz::UnzipZFile(zip_handle_, path);
+  QByteArray file = kmz::UnzipZFile(zip_handle_, path);
   // A pass of the reclaimer has to wait for the main thread. Until it comes, archives that are read back do
   // not pile up: what has a copy goes at once, instead of a moment later.
   const bool piling_up = MemoryReclaimer::GetTotalBytes() > MemoryReclaimer::GetBudget() + bytes_.size();

@@ -88,7 +88,7 @@ RefPtr<HeapBuffer> ReadFileToSend(const char* path, MemoryManager* manager) {
   if (size < 1 || size > kMaxFileBytes) return nullptr;
   HeapBuffer* const made = HeapBuffer::create(manager, static_cast<unsigned int>(size) + 1, 0);
   if (!made) return nullptr;
-  const RefPtr<HeapBuffer> buffer(made);
+  RefPtr<HeapBuffer> buffer(made);
   made->unref();  // the one of create(); `buffer` has its own
   // What the file grew to meanwhile is left out; if it shrank, it is not sent.
   if (!file.Read(buffer->data(), static_cast<std::size_t>(size))) return nullptr;

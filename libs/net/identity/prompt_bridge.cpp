@@ -89,7 +89,7 @@ class PromptBridge::State : public std::enable_shared_from_this<State> {
       if (question->prompt == prompt) return question;
     }
     open_.push_back(std::make_shared<Question>(prompt));
-    const std::shared_ptr<Question> question = open_.back();
+    std::shared_ptr<Question> question = open_.back();
     if (open_.size() == 1) ShowFirstLocked();
     return question;
   }

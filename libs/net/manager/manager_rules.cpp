@@ -13,7 +13,7 @@ RefPtr<SharedHeaders> CopyHeaders(const HttpRequest& request) {
   const int count = request.GetResponseHeaderCount();
   if (count == 0) return nullptr;
   MemoryManager* const heap = HeapManager::GetTransientHeap();
-  const RefPtr<SharedHeaders> shared(new (heap) SharedHeaders);
+  RefPtr<SharedHeaders> shared(new (heap) SharedHeaders);
   shared->headers = mmvector<QString>(mmallocator<QString>(heap));
   shared->headers.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) shared->headers.push_back(request.GetResponseHeader(i));
