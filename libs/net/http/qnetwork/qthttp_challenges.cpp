@@ -90,7 +90,7 @@ void QtHttpConnection::OnAuthenticationRequestSlot(QNetworkReply* reply, QAuthen
   if (replies_.contains(reply)) reply_answers_[reply][challenge] = *answer;  // else it ended meanwhile
 }
 
-// The signal hands its proxy over by reference; a copy of our own outlives what a nested event loop does to it.
+// A copy of our own outlives what a nested event loop does to the sender's.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 void QtHttpConnection::OnProxyAuthenticationRequestSlot(QNetworkProxy proxy, QAuthenticator* authenticator) {
   if (!authenticator) return;
