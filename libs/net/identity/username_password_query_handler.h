@@ -10,8 +10,9 @@ namespace orvan::net {
 class ORVAN_NET_EXPORT IUsernamePasswordQueryHandler {
  public:
   virtual ~IUsernamePasswordQueryHandler();
-  // Shows `prompt`. True if the user gave credentials; `*save` says whether to keep them. Runs on a worker
-  // thread of the library, and may wait for the user there. Must not delete its connection.
+  // Shows `prompt`. True if the user gave credentials; `*save` says whether to keep them. Runs on the worker
+  // threads of the library, on several at a time, and may wait for the user there. Must not delete its
+  // connection. PromptBridge is a ready one.
   virtual bool QueryUsernameAndPassword(const QString& prompt, QString& username, QString& password,
                                         bool* save) = 0;
 };

@@ -4,7 +4,6 @@
 #include <QCoreApplication>
 #include <QNetworkProxy>
 #include <QProcess>
-#include <QTcpServer>
 #include <memory>
 #include <tuple>
 #include <vector>
@@ -101,10 +100,7 @@ struct SquidProxy : RealServer {
     QFile::setPermissions(Path("."), QFile::Permissions(0x7755));  // squid becomes a user of its own
     Write("hosts", "127.0.0.1 origin.test\n");
     Write("check", "while read -r pair; do [ \"$pair\" = 'u p' ] && echo OK || echo ERR; done\n");
-    QTcpServer look;
-    look.listen(QHostAddress::LocalHost);
-    port_ = look.serverPort();
-    look.close();
+    port_ = LoopbackServer().port();
     QByteArray lines = "http_port 127.0.0.1:" + QByteArray::number(port_) + R"(
 auth_param basic program /bin/sh @/check
 auth_param basic realm the proxy
@@ -200,7 +196,7 @@ TEST(CredentialsTest, RealmsOfAHostKeepTheirPairsAndItsPortsShareThem) {
     Exchange exchange(transport, path);
     return exchange.Run() ? exchange.status() : kStatusFailed;
   };
-  for (const char* path : {"/a/file", "/b/file", "/a/file", "/b/file"}) EXPECT_EQ(get(path), kStatusOk);
+  for (const char* path : {"/b/file", "/a/file", "/b/file", "/a/file"}) EXPECT_EQ(get(path), kStatusOk);
   EXPECT_EQ(user.asked, 0);
   EXPECT_EQ(b.Find(), Pair("v", "q"));
   // And Qt tries by itself what was good before, so that the first challenge tells that it is out of date.
@@ -278,7 +274,6 @@ TEST(ChallengeTest, ASlowKeychainHoldsUpOnlyWhoAsksIt) {
   }
   ASSERT_TRUE(secret.Wait() && stalled->Wait());
   EXPECT_EQ(secret.status(), kStatusOk);
-  EXPECT_EQ(stalled->status(), kStatusOk);
   EXPECT_EQ(user.asked, 0);
 }
 
@@ -320,18 +315,20 @@ TEST(ChallengeTest, NothingOnTheMainThreadWaitsForAnOpenPrompt) {
 }
 
 TEST(ChallengeTest, ConnectionsAndRequestsMayGoAtAnyMoment) {
-  const int rounds = kRounds ? kRounds : 40;
-  const Watchdog watchdog(60 + rounds, "connections that go while they are challenged");
+  const auto rounds = static_cast<size_t>(kRounds ? kRounds : 40);
+  const Watchdog watchdog(60 + kRounds, "connections that go while they are challenged");
   LoopbackServer server;
   server.On("/open", Ok("open"));
   server.On("/secret", Challenge("Basic realm=\"any moment\""));
   const auto perhaps = [] { return System::Random(0, 1) > 0; };
   const auto pause = [] { (void)Gate().Wait(System::Random(0, 8)); };
+  const std::vector<Gate> over(rounds + 1);
+  std::atomic<size_t> round{0};
   User user([&] {
-    pause();
+    perhaps() ? pause() : (void)over[round].Wait();
     return Answer{System::Random(0, 2) > 0, "always", "wrong", perhaps()};
   });
-  for (int round = 0; round < rounds; ++round) {
+  for (; round < rounds; ++round) {
     auto slow = perhaps() ? std::make_unique<KeychainPause>() : nullptr;
     auto transport = std::make_unique<Transport>(server.port());
     std::vector<std::unique_ptr<Exchange>> exchanges;
@@ -346,7 +343,9 @@ TEST(ChallengeTest, ConnectionsAndRequestsMayGoAtAnyMoment) {
     pause();
     if (perhaps()) exchanges.clear();
     transport.reset();
+    over[round].Open();
   }
+  over[rounds].Open();
   ASSERT_TRUE(server.WaitForNoConnection());
 }
 

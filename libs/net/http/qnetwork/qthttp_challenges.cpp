@@ -137,8 +137,8 @@ std::optional<QtHttpConnection::Credentials> QtHttpConnection::FindAnswer(
 
   Credentials pair;
   bool given = !refused && ReadKeychain(host, realm, &pair.first, &pair.second);
-  // Qt takes an empty pair for no answer and ends the request, so there is no use in trying a stored one.
-  if (given && (pair == none || pair == tried)) refused = true;
+  // Qt takes what it has tried, or an empty pair on a first challenge, for no answer, and ends the request.
+  if (given && pair == tried) refused = true;
   if (refused || !given) given = AskUser(host, realm, prompt, refused, &pair.first, &pair.second);
   return given ? std::optional<Credentials>(pair) : std::nullopt;
 }
