@@ -86,6 +86,9 @@ void QtHttpConnection::OnAuthenticationRequestSlot(QNetworkReply* reply, QAuthen
       FindAnswer(challenge, prompt, refused == earlier.constEnd() ? nullptr : &*refused, *authenticator);
   challenged_reply_ = outer;
   if (!answer) return;
+  // Qt ends a request that is answered with what it has tried of its own accord, though with Digest only the
+  // nonce may have been refused. Emptied first, the authenticator counts as filled in anew.
+  if (refused == earlier.constEnd()) SetAnswer(Credentials(), authenticator);
   SetAnswer(*answer, authenticator);
   if (replies_.contains(reply)) reply_answers_[reply][challenge] = *answer;  // else it ended meanwhile
 }
@@ -137,8 +140,10 @@ std::optional<QtHttpConnection::Credentials> QtHttpConnection::FindAnswer(
 
   Credentials pair;
   bool given = !refused && ReadKeychain(host, realm, &pair.first, &pair.second);
-  // Qt takes what it has tried, or an empty pair on a first challenge, for no answer, and ends the request.
-  if (given && pair == tried) refused = true;
+  // Qt takes an empty pair for no answer and ends the request. What it has tried of its own accord is tried
+  // once more for a server: see OnAuthenticationRequestSlot().
+  const bool in_vain = pair == none || (pair == tried && (earlier || !challenged_reply_));
+  if (given && in_vain) refused = true;
   if (refused || !given) given = AskUser(host, realm, prompt, refused, &pair.first, &pair.second);
   return given ? std::optional<Credentials>(pair) : std::nullopt;
 }
