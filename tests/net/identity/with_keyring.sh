@@ -5,8 +5,7 @@ set -u
 if [ "${1:-}" != --on-the-bus ]; then
   PATH=$PATH:/usr/sbin type gnome-keyring-daemon dbus-run-session gdbus secret-tool squid >/dev/null ||
     { echo "Debian packages: gnome-keyring dbus-daemon libglib2.0-bin libsecret-tools squid" >&2; exit 1; }
-  home=$(mktemp -d)
-  trap 'rm -rf "$home"' EXIT
+  home=$(mktemp -d) && trap 'rm -rf "$home"' EXIT
   # Without a display a locked keyring answers at once, and does not wait for a window.
   env -u DISPLAY -u WAYLAND_DISPLAY -u DBUS_SESSION_BUS_ADDRESS -u QT_NO_GLIB HOME="$home" \
     XDG_DATA_HOME="$home" XDG_CACHE_HOME="$home" XDG_CONFIG_HOME="$home" XDG_RUNTIME_DIR="$home" \
