@@ -331,8 +331,7 @@ void Fetcher::ReadLastModified(const HttpRequest& response) {
 FetchState Fetcher::TakeAnythingElse() {
   const bool is_resource = fetch_url_.startsWith(QLatin1String(":/"));
   const QUrl url(fetch_url_, QUrl::TolerantMode);
-  const int type = GetFileNameType(fetch_url_);
-  if (type == kFileNamePath || type == kFileNameFileUrl || is_resource) {
+  if (IsLocalFileName(fetch_url_) || is_resource) {
     if (url.scheme() == QLatin1String("file")) return TakeLocalFile(url.toLocalFile());
     return TakeLocalFile(is_resource ? fetch_url_ : QDir::toNativeSeparators(fetch_url_));
   }

@@ -24,15 +24,14 @@ bool IsSeparator(QChar c) { return c == QLatin1Char('/') || c == QLatin1Char('\\
 // Where the ".kmz" of an archive begins, or -1. A directory may bear such a name.
 int FindEnding(const QString& url) {
   int at = url.indexOf(Ending(), 0, Qt::CaseInsensitive);
-  const int type = GetFileNameType(url);
-  if (type != kFileNamePath && type != kFileNameFileUrl) return at;
+  if (!IsLocalFileName(url)) return at;
   while (at >= 0 && QFileInfo(url.left(at + Ending().size())).isDir()) {
     at = url.indexOf(Ending(), at + 1, Qt::CaseInsensitive);
   }
   return at;
 }
 
-// "http://server", or a relative name.
+// No archive can be meant: "http://server", or a relative name.
 bool LeadsNowhere(const QString& url) {
   const QUrl parsed = QUrl::fromEncoded(url.toLatin1(), QUrl::TolerantMode);
   if (!parsed.isValid()) return false;

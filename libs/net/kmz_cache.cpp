@@ -20,8 +20,6 @@ namespace {
 
 bool IsSeparator(QChar c) { return c == QLatin1Char('/') || c == QLatin1Char('\\'); }
 
-bool IsPathType(int type) { return type == kFileNamePath || type == kFileNameFileUrl; }
-
 // Whether every leading part of `url` that ends before a separator is a key as it stands. The scheme of a URL
 // stands before the first of them; only "c://x" begins with what is a drive path by itself.
 bool HasPlainParts(const QString& url) {
@@ -79,7 +77,7 @@ KmzCache::~KmzCache() {
 }
 
 QString KmzCache::CleanUrl(const QString& url) {
-  if (!IsPathType(GetFileNameType(url))) return url;
+  if (!IsLocalFileName(url)) return url;
   QString path = IsAbsolutePath(url) ? url : QFileInfo(url).absoluteFilePath();
   file::CleanupPathname(path);
   return path;
@@ -163,7 +161,7 @@ void KmzCache::Remove(const QString& key) {
 }
 
 RefPtr<KmzCacheEntry> KmzCache::CacheKmzFile(const QString& path) {
-  if (!IsPathType(GetFileNameType(path))) return nullptr;
+  if (!IsLocalFileName(path)) return nullptr;
   RefPtr<KmzCacheEntry> entry = Find(path);
   if (entry) return entry;
 

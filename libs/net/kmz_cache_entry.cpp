@@ -24,11 +24,6 @@ namespace {
 
 constexpr qint64 kLongestArchive = std::numeric_limits<int>::max() - 64;  // what a QByteArray holds
 
-bool IsLocalArchive(const QString& url) {
-  const int type = GetFileNameType(url);
-  return type == kFileNamePath || type == kFileNameFileUrl;
-}
-
 QString PathOfLocalArchive(const QString& url) {
   const QUrl parsed(url);
   return parsed.scheme() == QLatin1String("file") ? parsed.toLocalFile() : url;
@@ -118,7 +113,7 @@ KmzCacheEntry::Fingerprint KmzCacheEntry::MakeFingerprint(const QByteArray& byte
 KmzCacheEntry::KmzCacheEntry(const QString& url, KmzCache* cache)
     : cache_(cache),
       url_(KmzCache::CleanUrl(url)),
-      is_local_(IsLocalArchive(url)),
+      is_local_(IsLocalFileName(url)),
       file_name_(is_local_ ? PathOfLocalArchive(url) : cache->GenerateNextKmzName()) {}
 
 KmzCacheEntry::~KmzCacheEntry() {
@@ -160,7 +155,12 @@ QByteArray KmzCacheEntry::unzipFile(const QString& path) {
     QByteArray bytes = bytes_;
     if (bytes.isEmpty()) {
       bytes = ReadBackLocked();
-      if (bytes.isEmpty()) return QByteArray();
+      if (bytes.isEmpty()) {
+        // Lost, on a full disk or to another process: fresh is only what can be had, so the next fetch asks
+        // for it, instead of failing like this one for the rest of the run.
+        expire_time_ = std::numeric_limits<double>::lowest();
+        return QByteArray();
+      }
       loaded_from_disk_ = true;
     }
     OpenZFile(bytes);

@@ -101,6 +101,11 @@ int GetFileNameType(const QString& name) {
   return TypeOfText(name);
 }
 
+bool IsLocalFileName(const QString& name) {
+  const int type = GetFileNameType(name);
+  return type == kFileNamePath || type == kFileNameFileUrl;
+}
+
 void UrlEncode(QString& text) {
   if (text.isEmpty()) return;
   // Not a slip: the list takes the tilde, which QUrl would keep. UrlQuote() keeps it. Cached names and
@@ -210,9 +215,7 @@ int StripAnchor(const QString& text, QString* anchor, QString* rest) {
 QUrl GetUrlFromUserInput(const QString& text) {
   QUrl url = QUrl::fromUserInput(text);
   if (url.isValid() && !url.host().isEmpty()) return url;
-  const int type = GetFileNameType(text);
-  const bool may_be_local = type == kFileNamePath || type == kFileNameFileUrl;
-  if (!may_be_local || QFileInfo(text).isRelative()) return QUrl();
+  if (!IsLocalFileName(text) || QFileInfo(text).isRelative()) return QUrl();
   url = QUrl::fromLocalFile(text);
   return url.isValid() ? url : QUrl();
 }

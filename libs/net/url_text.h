@@ -26,6 +26,8 @@ constexpr int kFileNameUrl = 3;      // any other URL, and ":/resource"
 
 // Which of these a name is, by its text alone. A drive letter is no scheme.
 ORVAN_NET_EXPORT int GetFileNameType(const QString& name);
+// A path or a file URL.
+ORVAN_NET_EXPORT bool IsLocalFileName(const QString& name);
 // Escapes, as the table says.
 ORVAN_NET_EXPORT void UrlEncode(QString& text);
 // The way back. "+" stays a plus sign.

@@ -105,7 +105,7 @@ TEST_F(KmzFlowTest, AsksAgainIfItMust) {
   ASSERT_TRUE(PumpUntil([&] { return first->GetState() == kFetchSuccess; }));
   EXPECT_EQ(first->GetByteArray(), kmz_) << "for nobody nothing is unpacked";
   server_.On("/a.kmz", test::Ok(MakeKmz({{"b.png", "new"}}).toStdString()));
-  FetchProbe stored, dated, uncached, unstored, lost;
+  FetchProbe stored, dated, uncached, unstored, lost, again;
   stored.params.store = unstored.params.store = &store;
   stored.params.if_modified_since = dated.params.if_modified_since = "Sat, 05 Nov 1994 08:49:37 GMT";
   dated.params.headers.emplace_back(RequestHeader::kAcceptTypes, "image/png");
@@ -124,6 +124,8 @@ TEST_F(KmzFlowTest, AsksAgainIfItMust) {
   Run(lost, "$S/a.kmz/b.png");
   EXPECT_EQ(lost.state, kFetchCannotOpen) << "the copy was taken away";
   EXPECT_EQ(server_.Hits("/a.kmz"), 4);
+  Run(again, "$S/a.kmz/b.png");
+  EXPECT_EQ(again.bytes, "new") << "and is asked for by the next fetch";
 }
 
 TEST_F(KmzFlowTest, SplitsReferencesAndTellsWhatItFound) {
