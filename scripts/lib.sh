@@ -10,7 +10,7 @@ ORVAN_TEST_PACKAGES=(libgtest-dev libgmock-dev nginx-light openssl python3 gunic
   gnome-keyring libsecret-1-0 libsecret-tools dbus-daemon libglib2.0-bin squid iproute2)
 # Clang and its sanitizers. Without llvm-symbolizer, reports have no names and suppressions do not match.
 ORVAN_CLANG_PACKAGES=(clang libclang-rt-14-dev llvm util-linux)
-ORVAN_TIDY_PACKAGES=(clang clang-tidy)
+ORVAN_TIDY_PACKAGES=(clang clang-tidy cppcheck)
 ORVAN_DOCS_PACKAGES=(doxygen python3)
 
 say() { printf '%s\n' "$*" >&2; }
