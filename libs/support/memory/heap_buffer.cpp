@@ -60,7 +60,13 @@ bool HeapBuffer::AppendData(const void* data, int size) {
   const bool own = offset < size_;
   if (needed > capacity()) {
     const unsigned int doubled = capacity() > kMaxBytes / 2 ? kMaxBytes : 2 * capacity();
-    if (!Grow(std::max(needed, doubled)) && !Grow(needed)) return false;
+    // Near a ceiling half of what is refused is asked for next: with just what is needed, every piece that
+    // follows would move the block once more.
+    unsigned int spare = std::max(needed, doubled) - needed;
+    while (!Grow(needed + spare)) {
+      if (spare == 0) return false;
+      spare /= 2;
+    }
   }
   char* const block = bytes_.data();
   std::memmove(block + size_, own ? block + offset : data, added);

@@ -40,7 +40,8 @@ class ORVAN_SUPPORT_EXPORT HeapBuffer : public AtomicReferent {
   // Says how many bytes are valid, after they were written through data(). Not above capacity().
   void SetSize(unsigned int size);
 
-  // Appends, growing by doubling. `data` may lie inside this buffer. False for a negative size.
+  // Appends, growing by doubling, or by as much of that as the domain grants. `data` may lie inside this
+  // buffer. False for a negative size.
   bool AppendData(const void* data, int size);
   // The valid bytes; empty, never null, if there are none. Shares the block if it is full, copies otherwise.
   QByteArray ToQByteArray() const;

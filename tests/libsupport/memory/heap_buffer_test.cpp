@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <utility>
 
 #include "orvan/support/memory/containers.h"
 
@@ -30,6 +31,19 @@ TEST(HeapBufferTest, ARefusalIsNullOrFalseAndLosesNothing) {
   EXPECT_TRUE(buffer->AppendData(QByteArray(40, 'y').constData(), 40));
   EXPECT_EQ(buffer->ToQByteArray(), QByteArray(60, 'x') + QByteArray(40, 'y'));
   EXPECT_EQ(HeapBuffer::create(&domain, 1, 0), nullptr);
+  buffer->unref();
+}
+
+// Each growth moves the block, so a body that comes in pieces must not grow by one of them at a time.
+TEST(HeapBufferTest, ACeilingIsMetInFewSteps) {
+  Limited domain(1 << 20);
+  HeapBuffer* buffer = HeapBuffer::create(&domain, (1 << 19) + 1, 0);
+  int growths = 0;
+  for (unsigned int known = buffer->capacity(); buffer->AppendData("piece", 5);) {
+    growths += buffer->capacity() != std::exchange(known, buffer->capacity());
+  }
+  EXPECT_EQ(buffer->size(), (1 << 20) / 5 * 5u) << "the last whole piece";
+  EXPECT_LT(growths, 25);
   buffer->unref();
 }
 
