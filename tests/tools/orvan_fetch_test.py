@@ -12,6 +12,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import termios
 import threading
 import unittest
 import warnings
@@ -359,7 +360,7 @@ class OrvanFetchTest(unittest.TestCase):
         self.assertIn(b"1 of 3 entries were left out", said)
 
     def on_a_terminal(self, *arguments, talk=()):
-        """Exit status and all that the program writes to a terminal. Talk: what it says, what is typed then."""
+        """Exit status and all that the program writes to a terminal. Talk: what it says, what is typed or sent then."""
         talk, unread = list(talk), b""
         child, terminal = pty.fork()
         if child == 0:
@@ -371,9 +372,11 @@ class OrvanFetchTest(unittest.TestCase):
                 unread += chunk
                 while talk and (found := re.search(talk[0][0], unread, re.DOTALL)):
                     unread = unread[found.end():]
-                    os.write(terminal, talk.pop(0)[1])
+                    act = talk.pop(0)[1]
+                    os.kill(child, act) if isinstance(act, int) else os.write(terminal, act)
         except OSError:  # how Linux says that the other side has closed
             pass
+        self.assertTrue(termios.tcgetattr(terminal)[3] & termios.ECHO)
         os.close(terminal)
         self.assertEqual(talk, [])
         return os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), seen
@@ -399,6 +402,10 @@ class OrvanFetchTest(unittest.TestCase):
             ([], [(b"User name: .*/local|/local.*User name: ", b"ann\n"), (b"Password: ", b"s3cret\n")], 0),
             (["--user", "ann"], [(b"Password: ", b"wr0ng\n"), (b"Password: ", b"s3cret\n")], 0),
             (["--user", "ann"], [(b"Password: ", b"\x03")], 130),
+            (["--user", "ann"], [(b"Password: ", b"\x1c")], -signal.SIGQUIT),
+            (["--user", "ann"], [(b"Password: ", signal.SIGHUP)], -signal.SIGHUP),
+            (["--user", "ann"], [(b"Password: ", signal.SIGTERM)], 143),
+            (["--user", "ann"], [(b"Password: ", signal.SIGTSTP), (b"Password: ", b"s3cret\n")], 0),
         ]:
             ended, seen = self.on_a_terminal(*arguments, self.origin + "/secret", self.path("local"), talk=talk)
             self.assertEqual(ended, status, seen)

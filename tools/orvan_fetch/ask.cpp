@@ -1,11 +1,15 @@
 #include "tools/orvan_fetch/ask.h"
 
+#include <signal.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <QFile>
 #include <QUrl>
+#include <cerrno>
 #include <cstdio>
+#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -32,6 +36,66 @@ QString ReadPassword(const QString& name, QString* password) {
   *password = QString::fromUtf8(text);
   if (text.size() <= kLongestPassword && !HasControlCharacter(*password)) return QString();
   return QStringLiteral("--password-file %1: that is not one password on one line").arg(name);
+}
+
+// The terminal without its echo. One that is left so is of no use to whoever comes next, therefore a signal
+// that ends or stops the program turns it on first. What there is for this, readpassphrase(3), waits for the
+// line and counts on being alone, while here other fetches go on.
+constexpr int kSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP};
+constexpr char kPasswordPrompt[] = "Password: ";
+termios g_echoing, g_silent;
+struct sigaction g_earlier[std::size(kSignals)];
+volatile sig_atomic_t g_is_silent = 0;
+
+void SetSignals(void (*handler)(int)) {
+  for (size_t i = 0; i < std::size(kSignals); ++i) {
+    if (!handler) {
+      sigaction(kSignals[i], &g_earlier[i], nullptr);
+      continue;
+    }
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    sigaction(kSignals[i], &action, &g_earlier[i]);
+    if (g_earlier[i].sa_handler == SIG_IGN)
+      sigaction(kSignals[i], &g_earlier[i], nullptr);  // as nohup wants it
+  }
+}
+
+// Nothing but what a signal handler may call.
+void OnSignal(int number) {
+  const int saved_errno = errno;
+  tcsetattr(STDIN_FILENO, TCSANOW, &g_echoing);
+  SetSignals(nullptr);
+  g_is_silent = 0;
+  raise(number);
+  sigset_t only, before;
+  sigemptyset(&only);
+  sigaddset(&only, number);
+  pthread_sigmask(SIG_UNBLOCK, &only, &before);  // here it ends, or stops until it is told to go on
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  if (number == SIGTSTP && tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_silent) == 0) {
+    SetSignals(OnSignal);
+    g_is_silent = 1;
+    if (write(STDERR_FILENO, kPasswordPrompt, sizeof kPasswordPrompt - 1) < 0) errno = 0;
+  }
+  errno = saved_errno;
+}
+
+bool Silence() {
+  if (tcgetattr(STDIN_FILENO, &g_echoing) != 0) return false;
+  g_silent = g_echoing;
+  g_silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+  SetSignals(OnSignal);
+  g_is_silent = 1;
+  // What was typed ahead goes: it was typed with an echo.
+  return tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_silent) == 0;
+}
+
+void EndSilence() {
+  if (!g_is_silent) return;
+  tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_echoing);
+  g_is_silent = 0;
+  SetSignals(nullptr);
 }
 
 void Say(const QString& text) { std::fputs(Printable(text).toUtf8().constData(), stderr); }
@@ -120,7 +184,7 @@ void Ask::ReadTerminal() {
 void Ask::TakeLine() {
   line_.chop(1);
   const QString text = QString::fromUtf8(std::exchange(line_, QByteArray()));
-  if (without_echo_) {
+  if (for_password_) {
     answer_.password = text;
     Finish(answer_);
   } else if (text.isEmpty()) {
@@ -132,20 +196,17 @@ void Ask::TakeLine() {
 }
 
 void Ask::AskForPassword() {
-  if (tcgetattr(STDIN_FILENO, &terminal_) != 0) return Finish(Answer());
-  termios silent = terminal_;
-  silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-  // What was typed ahead goes: it was typed with an echo.
-  if (tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent) != 0) return Finish(Answer());
-  without_echo_ = true;
+  if (!Silence()) return Finish(Answer());
+  for_password_ = true;
   answer_.given = true;
-  std::fputs("Password: ", stderr);
+  std::fputs(kPasswordPrompt, stderr);
 }
 
 void Ask::Finish(const Answer& answer) {
   keyboard_.setEnabled(false);
   line_.clear();
-  if (std::exchange(without_echo_, false)) tcsetattr(STDIN_FILENO, TCSAFLUSH, &terminal_);
+  for_password_ = false;
+  EndSilence();
   std::fputc('\n', stderr);
   Progress::Hold(false);
   // A copy: the next question may come from within.

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <termios.h>
-
 #include <QByteArray>
 #include <QSocketNotifier>
 #include <QString>
@@ -59,8 +57,7 @@ class Ask {
   Reply reply_;  // empty unless the terminal is being asked
   Answer answer_;
   QByteArray line_;  // as far as it was typed
-  bool without_echo_ = false;
-  termios terminal_ = {};  // as it was, while without_echo_
+  bool for_password_ = false;
   QSocketNotifier keyboard_;
 
   std::unique_ptr<orvan::net::PromptBridge> bridge_;
