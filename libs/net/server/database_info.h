@@ -15,6 +15,8 @@ class ORVAN_NET_EXPORT DatabaseInfo {
   explicit DatabaseInfo(const QString& url);
   DatabaseInfo(const QString& url, bool second_flag);
   DatabaseInfo(const QString& url, const QString& label);
+  // For a label in quotation marks (UTF-8), which would count as a bool otherwise.
+  DatabaseInfo(const QString& url, const char* label) : DatabaseInfo(url, QString::fromUtf8(label)) {}
 
   // Takes another URL, and makes everything but the label anew.
   void SetUrl(const QString& url);

@@ -23,9 +23,9 @@ TEST(DatabaseInfoTest, ReadsAndComparesUrls) {
       {"hosts are decoded", "http://b%C3%BC.de", "http://bü.de:80/ bü.de 80 '' bü.de ours"},
   };
   test::ExpectTexts(read, rows);
-  const DatabaseInfo info("host", QString("a"));
+  const DatabaseInfo info("host", "a");
   EXPECT_TRUE(info.compare(DatabaseInfo("http://host:80", QString("a"))));
-  EXPECT_FALSE(info.compare(DatabaseInfo("host", QString("b"))));
+  EXPECT_FALSE(info.compare(DatabaseInfo("host", "b")));
 }
 
 }  // namespace
