@@ -2,15 +2,21 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "tests/net/http/bare_connection.h"
 
 namespace orvan::net {
 namespace {
 
-// Ends inside Cancel(), as a transport may.
+// Ends inside Cancel(), as a transport may, and lets another thread work before that returns.
 class EndingRequest : public test::PlainRequest {
  public:
-  void Cancel() override { InvokeCallback(); }
+  void Cancel() override {
+    InvokeCallback();
+    std::thread(meanwhile).join();
+  }
+  std::function<void()> meanwhile = [] {};
 };
 
 struct CountingCallback : HttpRequest::Callback {
@@ -20,17 +26,22 @@ struct CountingCallback : HttpRequest::Callback {
 
 TEST(RequestSetTest, CancelsFirstAndDetachesSecond) {
   CountingCallback callback;
-  auto* const request = new EndingRequest;
-  request->SetCallback(&callback, nullptr);
+  auto *const request = new EndingRequest, *const other = new EndingRequest, *const late = new EndingRequest;
   RequestSet set;
-  set.AddPendingRequest(request);
-  set.AddPendingRequest(request);
+  for (EndingRequest* each : {request, other, late}) each->SetCallback(&callback, nullptr);
+  for (EndingRequest* each : {request, request, other}) set.AddPendingRequest(each);
   EXPECT_EQ(request->getRefCount(), 2) << "once";
+  for (int times = 0; times < 2; ++times) set.RemovePendingRequest(other);
+  EXPECT_EQ(other->getRefCount(), 1) << "given back once";
+  request->meanwhile = [&] { set.AddPendingRequest(late); };
   set.CancelAllRequests();
-  EXPECT_EQ(callback.count, 1);
-  EXPECT_EQ(request->InvokeCallback(), 0);
-  EXPECT_EQ(request->getRefCount(), 1);
-  request->unref();
+  EXPECT_EQ(callback.count, 2) << "what came meanwhile is cancelled too, what was removed is not";
+  EXPECT_FALSE(set.PopOneRequest());
+  for (EndingRequest* each : {request, late}) {
+    EXPECT_EQ(each->InvokeCallback(), 0);
+    EXPECT_EQ(each->getRefCount(), 1);
+  }
+  for (EndingRequest* each : {request, other, late}) each->unref();
 }
 
 }  // namespace
