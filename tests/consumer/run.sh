@@ -1,8 +1,8 @@
 #!/bin/bash
 # Installs what is built into a folder of its own, outside the tree, and looks at it with a stranger's eyes:
 # a project that uses find_package(OrvanNet), and its twin that uses pkg-config, are built and run there; each
-# installed header compiles alone; none is missing and none is there that should not be; the libraries show what the
-# headers mark as exported, and nothing else.
+# installed header compiles alone; none is missing and none is there that should not be; the libraries are hardened, and
+# show what the headers mark as exported, and nothing else.
 #
 #   run.sh <build folder> <source root> <C++ compiler> <build type> <list of internal headers>
 set -euo pipefail
@@ -22,6 +22,15 @@ echo "-- sonames"
 for library in support net; do
   readelf -d "$libdir/liborvan_$library.so" | grep -q "SONAME.*\[liborvan_$library\.so\.1\]" ||
     complain "liborvan_$library.so has no soname with version 1"
+done
+
+echo "-- hardening"
+for library in "$libdir"/liborvan_{support,net}.so; do
+  dynamic=$(readelf -dlW "$library") imports=$(nm -D --undefined-only "$library")
+  [[ $dynamic == *GNU_RELRO* && $dynamic == *BIND_NOW* ]] || complain "$library: its tables stay writable"
+  [[ $imports == *__stack_chk_fail* ]] || complain "$library: nobody looks at the stack"
+  [[ $(uname -m) != x86_64 ]] || objdump -d "$library" | grep -q endbr64 || complain "$library: jumps may lead anywhere"
+  [[ $type != Release || ${imports//__stack_chk_fail/} == *_chk@* ]] || complain "$library: no call is checked"
 done
 
 echo "-- installed headers"
