@@ -1,6 +1,9 @@
 #include "orvan/net/identity/prompt_bridge.h"
 
 #include <QHash>
+#include <QPair>
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <deque>
 #include <utility>
@@ -23,19 +26,32 @@ struct Question {
   PromptBridge::Answer answer;
 };
 
-// What is remembered of a prompt.
-struct History {
-  int tries = 0;             // answers in a row
-  double last_answer = 0.0;  // when the last of them came
-  double refused_until = 0.0;
+// The answers that one worker had to one prompt, in a row.
+struct Row {
+  int tries = 0;
+  double last = 0.0;  // when the last of them came
 };
+
+// Unlike the system's number of a thread, never that of another one.
+int ThreadNumber() {
+  static std::atomic<int> latest{0};
+  thread_local const int number = ++latest;
+  return number;
+}
+
+double SteadySeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
 
 }  // namespace
 
 class PromptBridge::State : public std::enable_shared_from_this<State> {
  public:
-  State(Ask ask, int max_tries, double refusal_seconds)
-      : ask_(std::move(ask)), max_tries_(max_tries), refusal_seconds_(refusal_seconds) {}
+  State(Ask ask, int max_tries, double refusal_seconds, Clock clock)
+      : ask_(std::move(ask)),
+        max_tries_(max_tries),
+        refusal_seconds_(refusal_seconds),
+        clock_(clock ? std::move(clock) : SteadySeconds) {}
 
   // Waits for the user. Worker thread.
   Answer AskAndWait(const QString& prompt) {
@@ -43,6 +59,7 @@ class PromptBridge::State : public std::enable_shared_from_this<State> {
     if (closed_ || IsDeclinedLocked(prompt)) return Answer();
     const std::shared_ptr<Question> question = JoinLocked(prompt);
     while (!question->answered) answered_.Wait(mutex_);
+    CountLocked(*question);
     return question->answer;
   }
 
@@ -56,6 +73,7 @@ class PromptBridge::State : public std::enable_shared_from_this<State> {
     ask_(prompt, MakeReply(question));
     Take(question, Answer());
     port::MutexGuard guard(mutex_);
+    CountLocked(*question);
     return question->answer;
   }
 
@@ -76,7 +94,7 @@ class PromptBridge::State : public std::enable_shared_from_this<State> {
     if (question->answered) return;
     question->answered = true;
     question->answer = answer;
-    RememberLocked(question->prompt, answer.given);
+    if (!answer.given && !closed_) RefuseLocked(question->prompt);
     answered_.NotifyAll();
     if (open_.empty() || open_.front() != question) return;
     open_.pop_front();
@@ -117,44 +135,51 @@ class PromptBridge::State : public std::enable_shared_from_this<State> {
   }
 
   bool IsDeclinedLocked(const QString& prompt) ORVAN_REQUIRES(mutex_) {
-    const auto found = histories_.find(prompt);
-    if (found == histories_.end()) return false;
-    const double now = System::getTime();
-    if (now < found->refused_until) return true;
-    if (now - found->last_answer > kRowSeconds) found->tries = 0;
-    if (found->tries < max_tries_) return false;
-    *found = History{0, 0.0, now + refusal_seconds_};
+    const double now = clock_();
+    const auto refused = refused_until_.constFind(prompt);
+    if (refused != refused_until_.constEnd() && now < *refused) return true;
+    const auto row = rows_.constFind({prompt, ThreadNumber()});
+    if (row == rows_.constEnd() || row->tries < max_tries_ || now - row->last > kRowSeconds) return false;
+    rows_.erase(row);
+    RefuseLocked(prompt);
     return true;
   }
 
-  void RememberLocked(const QString& prompt, bool given) ORVAN_REQUIRES(mutex_) {
-    if (closed_) return;
-    const double now = System::getTime();
-    if (histories_.size() >= kMaxHistories) histories_.clear();  // prompts name hosts, and those never end
-    History& history = histories_[prompt];
-    if (given) {
-      ++history.tries;
-      history.last_answer = now;
-    } else {
-      history = History{0, 0.0, now + refusal_seconds_};
+  // A worker that comes back with a question soon was given a wrong answer.
+  void CountLocked(const Question& question) ORVAN_REQUIRES(mutex_) {
+    const QPair<QString, int> key(question.prompt, ThreadNumber());
+    if (!question.answer.given) {
+      rows_.remove(key);
+      return;
     }
+    if (rows_.size() >= kMostRemembered) rows_.clear();
+    const double now = clock_();
+    Row& row = rows_[key];
+    row = {now - row.last > kRowSeconds ? 1 : row.tries + 1, now};
   }
 
-  static constexpr int kMaxHistories = 1000;
+  void RefuseLocked(const QString& prompt) ORVAN_REQUIRES(mutex_) {
+    if (refused_until_.size() >= kMostRemembered) refused_until_.clear();
+    refused_until_[prompt] = clock_() + refusal_seconds_;
+  }
+
+  static constexpr int kMostRemembered = 1000;  // prompts name hosts, and those never end
 
   const Ask ask_;  // main thread
   const int max_tries_;
   const double refusal_seconds_;
+  const Clock clock_;
   port::MutexPosix mutex_;  // before the queue of the main thread
   port::ConditionPosix answered_;
   bool closed_ ORVAN_GUARDED_BY(mutex_) = false;
   std::deque<std::shared_ptr<Question>> open_ ORVAN_GUARDED_BY(mutex_);  // the first is being shown
-  QHash<QString, History> histories_ ORVAN_GUARDED_BY(mutex_);
+  QHash<QString, double> refused_until_ ORVAN_GUARDED_BY(mutex_);
+  QHash<QPair<QString, int>, Row> rows_ ORVAN_GUARDED_BY(mutex_);
 };
 
-PromptBridge::PromptBridge(Ask ask, int max_tries, double refusal_seconds)
-    : state_(std::make_shared<State>(ask ? std::move(ask) : (std::abort(), Ask()), max_tries,
-                                     refusal_seconds)) {}
+PromptBridge::PromptBridge(Ask ask, int max_tries, double refusal_seconds, Clock clock)
+    : state_(std::make_shared<State>(ask ? std::move(ask) : (std::abort(), Ask()), max_tries, refusal_seconds,
+                                     std::move(clock))) {}
 
 PromptBridge::~PromptBridge() {
   Close();

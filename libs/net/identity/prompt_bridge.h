@@ -16,10 +16,11 @@ namespace orvan::net {
 //   HttpConnectionFactory::SetUsernamePasswordQueryHandler(&bridge);
 //
 // Shape:     one question is shown at a time. Workers that ask the same while it is open, as the connections
-//            to one server do, get the same answer. A question that was answered several times within a
-//            minute and is asked once more has failed: it is declined by itself. What was declined stays
-//            declined for a while. The prompt's text is all that tells one question from another.
-// Units:     seconds on the clock of System::getTime().
+//            to one server do, get the same answer. A worker that was answered several times, no two of them
+//            more than a minute apart, and asks the same once more had wrong answers: it is declined, and so
+//            is everybody for a while, as after the user's own refusal. Other workers' answers do not count:
+//            they may have been right. The prompt's text is all that tells one question from another.
+// Units:     seconds on a clock that never goes back.
 // Threads:   QueryUsernameAndPassword() on the library's workers; all else on the main thread, which never
 //            waits for a user here. It needs a main thread that runs its event loop.
 // Ownership: made and owned by the application. The destructor takes the bridge back from
@@ -43,12 +44,16 @@ class ORVAN_NET_EXPORT PromptBridge : public IUsernamePasswordQueryHandler {
   // later.
   using Ask = std::function<void(const QString& prompt, const Reply& reply)>;
 
+  using Clock = std::function<double()>;
+
   static constexpr int kMaxTries = 3;
   static constexpr double kRowSeconds = 60.0;
   static constexpr double kRefusalSeconds = 30.0;
 
-  // `ask` must not be empty: the process ends by abort() if it is.
-  explicit PromptBridge(Ask ask, int max_tries = kMaxTries, double refusal_seconds = kRefusalSeconds);
+  // `ask` must not be empty: the process ends by abort() if it is. `clock`, on any thread and under a lock,
+  // is that of the system unless it is given.
+  explicit PromptBridge(Ask ask, int max_tries = kMaxTries, double refusal_seconds = kRefusalSeconds,
+                        Clock clock = Clock());
   ~PromptBridge() override;
 
   // Declines what is open, and all that follows. Before Shutdown(), for users who have not answered yet.

@@ -56,15 +56,8 @@ class KeychainQuestion::Thread : public QObject {
   }
 
  protected:
-  // An event may be lost while there is no application object: each one serves all that came before it.
-  void customEvent(QEvent*) override {
-    std::deque<std::shared_ptr<KeychainQuestion>> questions;
-    {
-      port::MutexGuard guard(mutex_);
-      questions.swap(inbox_);
-    }
-    for (const auto& question : questions) StartJob(question);
-  }
+  // An event may be lost while there is no application object: the next one serves all that came before it.
+  void customEvent(QEvent*) override { StartNext(); }
 
  private:
   Thread() {
@@ -74,35 +67,53 @@ class KeychainQuestion::Thread : public QObject {
     thread->start();
   }
 
-  // QtKeychain runs its jobs one after the other.
-  void StartJob(const std::shared_ptr<KeychainQuestion>& question) {
+  // One question at a time, so that nothing comes between the reading and the deleting of one.
+  void StartNext() {
+    if (current_) return;
+    {
+      port::MutexGuard guard(mutex_);
+      if (inbox_.empty()) return;
+      current_ = std::move(inbox_.front());
+      inbox_.pop_front();
+    }
+    StartJob(current_->verb_);
+  }
+
+  void StartJob(Verb verb) {
     QKeychain::Job* job = nullptr;
     QKeychain::ReadPasswordJob* reader = nullptr;
-    switch (question->verb_) {
+    switch (verb) {
       case Verb::kRead:
-        job = reader = new QKeychain::ReadPasswordJob(question->service_);
+        job = reader = new QKeychain::ReadPasswordJob(current_->service_);
         break;
       case Verb::kWrite: {
-        auto* const writer = new QKeychain::WritePasswordJob(question->service_);
-        port::MutexGuard guard(question->mutex_);
-        writer->setTextData(std::exchange(question->text_, QString()));
+        auto* const writer = new QKeychain::WritePasswordJob(current_->service_);
+        port::MutexGuard guard(current_->mutex_);
+        writer->setTextData(std::exchange(current_->text_, QString()));
         job = writer;
         break;
       }
       case Verb::kDelete:
-        job = new QKeychain::DeletePasswordJob(question->service_);
+        job = new QKeychain::DeletePasswordJob(current_->service_);
         break;
     }
     job->setAutoDelete(false);
-    job->setKey(question->key_);
-    connect(job, &QKeychain::Job::finished, this, [question, job, reader] {
-      question->Answer(job->error() == QKeychain::NoError, reader ? reader->textData() : QString());
+    job->setKey(current_->key_);
+    connect(job, &QKeychain::Job::finished, this, [this, job, reader, verb] {
       job->deleteLater();
+      const bool success = job->error() == QKeychain::NoError;
+      const QString text = reader ? reader->textData() : QString();
+      if (reader && success && current_->IsRefused(text)) return StartJob(Verb::kDelete);
+      // Of a read that became a delete the answer is that nothing was found.
+      const std::shared_ptr<KeychainQuestion> question = std::exchange(current_, nullptr);
+      question->Answer(success && verb == question->verb_, text);
+      StartNext();
     });
     job->start();
   }
 
-  port::MutexPosix mutex_;  // a leaf, apart from Qt's event queue
+  std::shared_ptr<KeychainQuestion> current_;  // this thread only; null if nothing is being asked
+  port::MutexPosix mutex_;                     // a leaf, apart from Qt's event queue
   std::deque<std::shared_ptr<KeychainQuestion>> inbox_ ORVAN_GUARDED_BY(mutex_);
 };
 
@@ -119,6 +130,15 @@ void KeychainQuestion::Ask(const std::shared_ptr<KeychainQuestion>& question, QO
     question->receiver_ = receiver;
   }
   Thread::Get().Post(question);
+}
+
+bool KeychainQuestion::IsRefused(const QString& stored) {
+  port::MutexGuard guard(mutex_);
+  if (text_.isNull()) return false;
+  std::pair<QString, QString> pair, refused;
+  SplitTwoStrings(stored, &pair.first, &pair.second);
+  SplitTwoStrings(text_, &refused.first, &refused.second);
+  return pair == refused || (pair.first.isEmpty() && pair.second.isEmpty());
 }
 
 void KeychainQuestion::Answer(bool success, const QString& text) {

@@ -12,8 +12,8 @@ class IUsernamePasswordQueryHandler;
 
 // One question to the system keychain (the Secret Service, through QtKeychain). Internal.
 //
-// All questions of the process are asked on one thread that never ends: QtKeychain's own queue of jobs
-// belongs to the thread that starts the first of them, and has no lock.
+// All questions of the process are asked on one thread that never ends, one after the other: QtKeychain's own
+// queue of jobs belongs to the thread that starts the first of them, and has no lock.
 //
 // Threads:   Ask() and Abandon() on one thread, which hears of the answer by an event; the accessors there as
 //            well, once IsAnswered().
@@ -25,7 +25,8 @@ class KeychainQuestion {
  public:
   enum class Verb { kRead, kWrite, kDelete };
 
-  // `text` is what kWrite stores.
+  // `text` is what kWrite stores. To kRead, unless it is null, it is a pair that was refused: if that, or an
+  // empty pair, is what is stored, kRead deletes it and finds nothing. What others have stored since stays.
   KeychainQuestion(Verb verb, const QString& service, const QString& key, const QString& text);
   ~KeychainQuestion();
   KeychainQuestion(const KeychainQuestion&) = delete;
@@ -45,6 +46,7 @@ class KeychainQuestion {
 
  private:
   class Thread;
+  bool IsRefused(const QString& stored);
   void Answer(bool success, const QString& text);
 
   const Verb verb_;

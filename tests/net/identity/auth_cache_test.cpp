@@ -9,23 +9,17 @@
 namespace orvan::net {
 namespace {
 
-const AuthCache::Credentials kAlice("alice", "a");
-const AuthCache::Credentials kBob("bob", "b");
-const AuthCache::Credentials kNobody;
+const AuthCache::Credentials kAlice("alice", "a"), kBob("bob", "b"), kNobody;
 
-class AuthCacheTest : public testing::Test {
- protected:
-  // What stands for the realm; kNobody for a miss, which has to leave the result alone.
-  static AuthCache::Credentials Find(const AuthCache& cache, const char* host, const char* realm) {
-    AuthCache::Credentials result;
-    const bool found = cache.GetAuthInfo({host, realm}, &result);
-    EXPECT_EQ(found, result != kNobody);
-    return result;
-  }
-  ~AuthCacheTest() override { HttpConnectionFactory::shutdown(); }
-};
+// What stands for the realm; kNobody for a miss, which has to leave the result alone.
+AuthCache::Credentials Find(const AuthCache& cache, const char* host, const char* realm) {
+  AuthCache::Credentials result;
+  const bool found = cache.GetAuthInfo({host, realm}, &result);
+  EXPECT_EQ(found, result != kNobody);
+  return result;
+}
 
-TEST_F(AuthCacheTest, ARealmGoesBeforeItsHostAndTakesItAlong) {
+TEST(AuthCacheTest, ARealmGoesBeforeItsHostAndTakesItAlong) {
   const RefPtr<AuthCache> cache(new AuthCache(nullptr));
   cache->SetHostAuthInfo("h", kBob.first, kBob.second);
   cache->SetAuthInfo({"h", "r"}, kBob);
@@ -39,9 +33,8 @@ TEST_F(AuthCacheTest, ARealmGoesBeforeItsHostAndTakesItAlong) {
   EXPECT_EQ(Find(*cache, "h", "r"), kAlice);
 }
 
-TEST_F(AuthCacheTest, ReadsTheRealmOfAHeader) {
+TEST(AuthCacheTest, ReadsTheRealmOfAHeader) {
   const test::TextCase rows[] = {
-      {"a quoted realm", "WWW-Authenticate: Basic realm=\"maps\"", "maps"},
       {"blanks around the sign", "WWW-Authenticate: Basic realm \t=  \"my maps\", x=\"y\"", "my maps"},
       {"the first that is not empty", "WWW-Authenticate: x realm=\"\", y realm=\"a\", z realm=\"b\"", "a"},
       {"quotes are needed", "WWW-Authenticate: Basic realm=maps", ""},
@@ -51,31 +44,26 @@ TEST_F(AuthCacheTest, ReadsTheRealmOfAHeader) {
   test::ExpectTexts(&AuthCache::ParseRealmFromHeader, rows);
 }
 
-TEST_F(AuthCacheTest, ConnectionsKeepCredentialsUnderTheirHost) {
-  HttpConnectionFactory::ClearAuthCache();
-  const test::BareConnection connection("host.example");
-  QString user, password;
-  EXPECT_FALSE(connection.GetRealmAuthInfo("r", &user, &password));
-  connection.SetRealmAuthInfo("r", kAlice.first, kAlice.second);
-  EXPECT_EQ(Find(*HttpConnectionFactory::GetAuthCache(), "host.example", "r"), kAlice);
-  EXPECT_TRUE(connection.GetRealmAuthInfo("r", &user, &password));
-  EXPECT_EQ(user + password, "alicea");
-  connection.ClearRealmAuthInfo("r");
-  EXPECT_FALSE(connection.GetRealmAuthInfo("r", &user, &password));
-}
-
-class CountingFactory : public HttpConnectionFactory {
- public:
+struct CountingFactory : HttpConnectionFactory {
   HttpConnection* create(const ServerInfo*, MemoryManager*, double, int, int) override { return nullptr; }
   void ClearConnectionCredentials() override { ++cleared; }
   int cleared = 0;
 };
 
-TEST_F(AuthCacheTest, TellsOnlyAFactoryThatIsStillThere) {
+TEST(AuthCacheTest, ServesConnectionsAndTellsAFactoryThatIsStillThere) {
   HttpConnectionFactory::shutdown();
   CountingFactory factory;
   HttpConnectionFactory::SetOverrideFactory(&factory);
-  const RefPtr<AuthCache> cache = HttpConnectionFactory::GetOrCreateAuthCache();
+  const test::BareConnection connection("host.example");
+  QString user, password;
+  EXPECT_FALSE(connection.GetRealmAuthInfo("r", &user, &password));
+  connection.SetRealmAuthInfo("r", kAlice.first, kAlice.second);
+  const RefPtr<AuthCache> cache = HttpConnectionFactory::GetAuthCache();
+  EXPECT_EQ(Find(*cache, "host.example", "r"), kAlice);
+  EXPECT_TRUE(connection.GetRealmAuthInfo("r", &user, &password));
+  EXPECT_EQ(user + password, "alicea");
+  connection.ClearRealmAuthInfo("r");
+  EXPECT_FALSE(connection.GetRealmAuthInfo("r", &user, &password));
   HttpConnectionFactory::ClearAuthCache();
   EXPECT_EQ(factory.cleared, 1);
   HttpConnectionFactory::SetOverrideFactory(nullptr);

@@ -4,7 +4,9 @@
 #include <QCoreApplication>
 #include <QNetworkProxy>
 #include <QProcess>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <tuple>
 #include <vector>
 
@@ -17,7 +19,8 @@
 #include "tests/support/real_server.h"
 #include "tests/support/watchdog.h"
 
-// Challenges of real servers and of a real proxy. ORVAN_CREDENTIAL_ROUNDS: how often chance is tried.
+// Challenges of real servers and of a real proxy. With ORVAN_CREDENTIAL_ROUNDS, how often chance is tried,
+// the keychain and the user also take as long as they do in life.
 
 namespace orvan::net {
 namespace {
@@ -55,23 +58,44 @@ struct KeychainPause {
   static void Signal(int number) { EXPECT_EQ(kill(std::atoi(std::getenv("KEYRING_PID")), number), 0); }
 };
 
-// The user, from the construction to the destruction. `on_ask` runs on the worker that asks.
-struct User : IUsernamePasswordQueryHandler {
-  explicit User(std::function<Answer()> how) : on_ask(std::move(how)) {
-    HttpConnectionFactory::SetUsernamePasswordQueryHandler(this);
-  }
+// The user, from the construction to the destruction, which waits for those who are asking. `how` runs on the
+// worker that asks.
+class User {
+ public:
+  explicit User(std::function<Answer()> how) : how_(std::move(how)) { Stand(this, &s_door); }
   // Gives the answers in turn, then declines.
   explicit User(const QList<Answer>& answers) : User([this, answers] { return answers.value(asked - 1); }) {}
-  ~User() override { HttpConnectionFactory::SetUsernamePasswordQueryHandler(nullptr); }
-  bool QueryUsernameAndPassword(const QString&, QString& name, QString& password, bool* save) override {
-    EXPECT_TRUE(name.isEmpty() && password.isEmpty() && !*save);
-    ++asked;
-    const Answer answer = on_ask();
-    std::tie(name, password, *save) = std::tie(answer.username, answer.password, answer.save);
-    return answer.given;
-  }
-  const std::function<Answer()> on_ask;
+  ~User() { Stand(nullptr, nullptr); }
   std::atomic<int> asked{0};
+
+ private:
+  // Where workers ask. Outlives all of them.
+  struct Door : IUsernamePasswordQueryHandler {
+    bool QueryUsernameAndPassword(const QString&, QString& name, QString& password, bool* save) override {
+      EXPECT_TRUE(name.isEmpty() && password.isEmpty() && !*save);
+      std::unique_lock<std::mutex> lock(mutex);
+      if (!user) return false;
+      ++inside, ++user->asked;
+      lock.unlock();
+      const Answer answer = user->how_();
+      lock.lock();
+      --inside, left.notify_all();
+      std::tie(name, password, *save) = std::tie(answer.username, answer.password, answer.save);
+      return answer.given;
+    }
+    std::mutex mutex;
+    std::condition_variable left;
+    User* user;
+    int inside;
+  };
+  static void Stand(User* user, Door* door) {
+    HttpConnectionFactory::SetUsernamePasswordQueryHandler(door);
+    std::unique_lock<std::mutex> lock(s_door.mutex);
+    s_door.left.wait(lock, [] { return s_door.inside == 0; });
+    s_door.user = user;
+  }
+  inline static Door& s_door = *new Door();  // zeroes
+  const std::function<Answer()> how_;
 };
 
 // nginx. What is below /a/ is for "u" with the password "p", what is below /b/ for "v" with "q".
@@ -207,8 +231,9 @@ TEST(CredentialsTest, RealmsOfAHostKeepTheirPairsAndItsPortsShareThem) {
 
 Script Challenge(const std::string& how) { return Reply(401, {{"WWW-Authenticate", how}}); }
 
-// How often the user is asked before a server that challenges until then lets a request in, or does not.
-int AskedBy(const std::string& challenge, const Answer& answer, unsigned int status) {
+// How often the user is asked before a server that challenges until then lets a request in, or does not,
+// having been sent `tries` pairs.
+int AskedBy(const std::string& challenge, const Answer& answer, unsigned int status, int tries = 1) {
   LoopbackServer server;
   server.On("/", Challenge(challenge));
   User user([&] {
@@ -216,6 +241,7 @@ int AskedBy(const std::string& challenge, const Answer& answer, unsigned int sta
     return answer;
   });
   EXPECT_EQ(Get(server.port(), "/"), status);
+  EXPECT_EQ(server.Hits("/"), 1 + tries);
   return user.asked;
 }
 
@@ -227,7 +253,7 @@ TEST(ChallengeTest, WhateverARealmIsItsItemStaysWholeAndSeparate) {
       {"Basic realm=\"" + std::string(10240, 'r') + "\"", QString(10240, 'r')},
       {"Basic realm=\"gr\xFC\xDF\"", QString::fromLatin1("gr\xFC\xDF")}};
   const Answer odd{true, "u|", QString::fromUtf8("p|\xC3\xA4\xE2\x82\xAC"), true};
-  const Item neighbour{"neighbour"};
+  const Item neighbour{"neighbour"}, no_pair{"no pair"};
   neighbour.Store(Pair("n", "n"));
   for (const auto& [challenge, realm] : kRows) {
     SCOPED_TRACE(challenge.substr(0, 40));
@@ -236,9 +262,23 @@ TEST(ChallengeTest, WhateverARealmIsItsItemStaysWholeAndSeparate) {
     EXPECT_EQ(AskedBy(challenge, {}, kUnauthorized), 1) << "the stored pair refused, then declined";
     EXPECT_EQ(Item{realm}.Find(), "");
   }
-  for (const char* unknown : {"Oracle realm=\"x\"", ""}) EXPECT_EQ(AskedBy(unknown, odd, kUnauthorized), 0);
+  for (const auto& [text, tries] : {std::pair("bm8gYmFy", 1), std::pair("%%%|???", 0)}) {
+    no_pair.Store(text);
+    EXPECT_EQ(AskedBy("Basic realm=\"no pair\"", {}, kUnauthorized, tries), 1) << text;
+    EXPECT_EQ(no_pair.Find(), "");
+  }
+  for (const char* unknown : {"Oracle realm=\"x\"", ""})
+    EXPECT_EQ(AskedBy(unknown, odd, kUnauthorized, 0), 0);
   EXPECT_EQ(neighbour.Find(), Pair("n", "n"));
 }
+
+// A challenge that stays with its server until it is told to go. Meanwhile the next one can be prepared.
+struct HeldChallenge {
+  HeldChallenge(LoopbackServer& server, const std::string& how) {
+    server.On("/", Script().Signal(arrived).Stall(go).Then(Challenge(how)));
+  }
+  const Gate arrived, go;
+};
 
 TEST(ChallengeTest, ANonceThatHasRunOutIsNoReasonToForgetThePair) {
   const Watchdog watchdog(60, "a digest challenge");
@@ -248,17 +288,41 @@ TEST(ChallengeTest, ANonceThatHasRunOutIsNoReasonToForgetThePair) {
   User user(QList<Answer>{});
   const Transport transport(server.port());
   for (const std::string nonce : {"one", "two"}) {  // the second time Qt has tried the pair by itself
-    const Gate arrived, go;
-    const std::string challenge = "Digest realm=\"digest\", qop=\"auth\", nonce=\"" + nonce + "\"";
-    server.On("/", Script().Signal(arrived).Stall(go).Then(Challenge(challenge)));
+    const HeldChallenge held(server, R"(Digest realm="digest", qop="auth", nonce=")" + nonce + '"');
     Exchange exchange(transport, "/");
     EXPECT_EQ(exchange.Send(), kStatusOk);
-    ASSERT_TRUE(arrived.Wait());
+    ASSERT_TRUE(held.arrived.Wait());
     server.On("/", Ok("in"));
-    go.Open();
+    held.go.Open();
     ASSERT_TRUE(exchange.Wait());
     EXPECT_EQ(exchange.status(), kStatusOk);
   }
+  EXPECT_EQ(user.asked, 0);
+  EXPECT_EQ(item.Find(), Pair("u", "p"));
+}
+
+TEST(ChallengeTest, WhatWasSavedMeanwhileIsTriedAndNotDeleted) {
+  const Watchdog watchdog(60, "a challenge");
+  const std::string challenge = "Basic realm=\"stale\"";
+  const Item item{"stale"};
+  item.Store(Pair("u", "old"));
+  LoopbackServer server;
+  const Transport transport(server.port());
+  Exchange exchange(transport, "/");
+  const HeldChallenge first(server, challenge);
+  EXPECT_EQ(exchange.Send(), kStatusOk);
+  ASSERT_TRUE(first.arrived.Wait());
+  const HeldChallenge refusal(server, challenge);
+  first.go.Open();
+  ASSERT_TRUE(refusal.arrived.Wait()) << "with the old pair";
+  EXPECT_EQ(AskedBy(challenge, kRight, kStatusOk, 2), 1)
+      << "the other connection: the old pair, then the new";
+  server.On("/", Ok("in"));
+  User user(QList<Answer>{});
+  refusal.go.Open();
+  ASSERT_TRUE(exchange.Wait());
+  EXPECT_EQ(exchange.status(), kStatusOk);
+  EXPECT_EQ(server.LastRequest("/").Header("Authorization"), "Basic dTpw");  // u:p
   EXPECT_EQ(user.asked, 0);
   EXPECT_EQ(item.Find(), Pair("u", "p"));
 }
@@ -269,10 +333,14 @@ TEST(ChallengeTest, ASlowKeychainHoldsUpOnlyWhoAsksIt) {
   server.On("/open", Ok("open"));
   server.On("/secret", Challenge("Basic realm=\"slow\""));
   server.On("/new", Challenge("Basic realm=\"nothing is stored\""));
+  server.On("http://origin.test:81/open", Ok("open"));
+  server.On("http://origin.test:81/new", Reply(407, {{"Proxy-Authenticate", "Basic realm=\"proxy\""}}));
+  QNetworkProxy::setApplicationProxy(
+      {QNetworkProxy::HttpProxy, "127.0.0.1", static_cast<quint16>(server.port())});
   Item{"slow"}.Store(Pair("u", "p"));
   User user(QList<Answer>{});
-  const Transport asking(server.port()), also_asking(server.port());
-  Exchange secret(asking, "/secret"), cancelled(also_asking, "/new");
+  const Transport asking(server.port()), also_asking(server.port()), proxied(81, "origin.test");
+  Exchange secret(asking, "/secret"), cancelled(also_asking, "/new"), by_proxy(proxied, "/new");
   std::vector<std::unique_ptr<Exchange>> stalled;
   // Sends, and waits until the connection is at the keychain, where nothing moves on it.
   const auto send = [&](Exchange& exchange, const Transport& transport) {
@@ -292,13 +360,20 @@ TEST(ChallengeTest, ASlowKeychainHoldsUpOnlyWhoAsksIt) {
     send(cancelled, also_asking);
     cancelled->Cancel();
     ASSERT_TRUE(cancelled.Wait()) << "it still listens to its callers";
+    send(by_proxy, proxied);
+    for (Exchange* exchange : {&by_proxy, stalled.back().get()}) {  // a proxy asks for all of them
+      (*exchange)->Cancel();
+      ASSERT_TRUE(exchange->Wait());
+    }
     EXPECT_EQ(Get(server.port(), "/open"), kStatusOk);
     server.On("/secret", Ok("in"));
+    if (kRounds) (void)Gate().Wait(31000);
   }
+  QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy);
   for (const auto& exchange : stalled) ASSERT_TRUE(exchange->Wait());
   ASSERT_TRUE(secret.Wait());
   EXPECT_EQ(secret.status(), kStatusOk);
-  EXPECT_EQ(user.asked, 0) << "for the cancelled one";
+  EXPECT_EQ(user.asked, 0) << "for the cancelled ones";
 }
 
 // The prompt is not answered before the main thread has done everything: a call that waited for it would
@@ -310,6 +385,7 @@ TEST(ChallengeTest, NothingOnTheMainThreadWaitsForAnOpenPrompt) {
     const Watchdog watchdog(60, "the main thread waited for a prompt");
     std::vector<FetchProbe> probes(101);
     const auto be_busy = [&] {
+      if (kRounds && round < 3) PumpFor(4000);
       for (size_t i = 1; i < probes.size(); ++i) probes[i].Start(server.Url("/secret"));
       for (size_t i = 0; i < probes.size(); i += 2) probes[i].fetcher->Stop();
       Shutdown();
@@ -323,17 +399,20 @@ TEST(ChallengeTest, NothingOnTheMainThreadWaitsForAnOpenPrompt) {
       EXPECT_TRUE(busy_over.Wait());
       return Answer();
     });
-    PromptBridge bridge([&](const QString&, const PromptBridge::Reply& reply) {
+    PromptBridge::Reply kept;
+    auto bridge = std::make_unique<PromptBridge>([&](const QString&, const PromptBridge::Reply& reply) {
       be_busy();
       if (round % 4 == 1) reply({true, "u", "p", false});
+      kept = reply;
       shown.Open();
     });
-    if (round % 2 != 0) HttpConnectionFactory::SetUsernamePasswordQueryHandler(&bridge);
+    if (round % 2 != 0) HttpConnectionFactory::SetUsernamePasswordQueryHandler(bridge.get());
     probes[0].Start(server.Url("/secret"));
     ASSERT_TRUE(PumpUntil([&] { return shown.IsOpen(); }));
     if (round % 2 == 0) be_busy();
     busy_over.Open();
-    ASSERT_TRUE(server.WaitForNoConnection());  // so nobody is in a handler any more
+    bridge.reset();  // with a worker inside that still waits for it, if that has had no answer
+    ASSERT_TRUE(server.WaitForNoConnection());
     for (const FetchProbe& probe : probes) EXPECT_EQ(probe.calls, 0);
   }
 }

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "orvan/net/http/http_connection_factory.h"
-#include "tests/support/manual_clock.h"
 #include "tests/support/wait.h"
 
 namespace orvan::net {
@@ -16,26 +15,29 @@ namespace {
 using test::Gate;
 using test::PumpUntil;
 
-// A worker that asks once.
-class Asking {
+QString AskOnce(PromptBridge& bridge, const QString& prompt) {
+  QString name, password;
+  bool save = false;
+  return bridge.QueryUsernameAndPassword(prompt, name, password, &save) ? name + " " + password : "declined";
+}
+
+// Does something on a thread of its own, while this one runs its event loop.
+class Worker {
  public:
-  Asking(PromptBridge& bridge, const QString& prompt)
-      : thread_([this, &bridge, prompt] {
-          QString name, password;
-          bool save = false;
+  explicit Worker(const std::function<void()>& body)
+      : thread_([this, body] {
           begun_.Open();
-          if (bridge.QueryUsernameAndPassword(prompt, name, password, &save)) text_ = name + " " + password;
+          body();
           done_.Open();
         }) {
     EXPECT_TRUE(begun_.Wait());
   }
-  ~Asking() { thread_.join(); }
-  QString Wait() {
-    return PumpUntil([this] { return done_.IsOpen(); }) ? text_ : "nothing";
+  ~Worker() {
+    EXPECT_TRUE(PumpUntil([this] { return done_.IsOpen(); }));
+    thread_.join();
   }
 
  private:
-  QString text_ = "declined";
   const Gate begun_, done_;
   std::thread thread_;
 };
@@ -47,49 +49,55 @@ TEST(PromptBridgeTest, ShowsOneQuestionAtATimeAndTheSameOneOnce) {
     prompts += prompt;
     replies.push_back(reply);
   });
-  Asking first(bridge, "a");
+  const auto expect = [&bridge](const char* prompt, const char* result) {
+    return std::make_unique<Worker>([=, &bridge] { EXPECT_EQ(AskOnce(bridge, prompt), result); });
+  };
+  auto first = expect("a", "u p");
   ASSERT_TRUE(PumpUntil([&] { return prompts.size() == 1; }));
-  Asking same(bridge, "a"), other(bridge, "b");
+  auto same = expect("a", "u p"), other = expect("b", "declined");
   test::PumpFor(200);
   EXPECT_EQ(prompts, QStringList{"a"});
   std::thread([reply = replies[0]] { reply({true, "u", "p", true}); }).join();  // on any thread
   replies[0]({true, "too", "late", false});
-  EXPECT_EQ(first.Wait(), "u p");
-  EXPECT_EQ(same.Wait(), "u p");
+  first.reset(), same.reset();
   ASSERT_TRUE(PumpUntil([&] { return prompts.size() == 2; }));
   replies.clear();  // whoever drops a question has declined it
-  EXPECT_EQ(other.Wait(), "declined");
+  other.reset();
   bridge.Close();
-  EXPECT_EQ(Asking(bridge, "c").Wait(), "declined");
+  EXPECT_EQ(AskOnce(bridge, "c"), "declined");
   EXPECT_EQ(prompts, (QStringList{"a", "b"}));
 }
 
 TEST(PromptBridgeTest, TriesInARowAreLimitedAndRefusalsRemembered) {
-  test::ManualClock clock;
-  int shown = 0;
-  bool given = true;
+  std::atomic<double> now{1.0};
+  std::atomic<int> shown{0};
+  std::atomic<bool> given{true};
   const auto ask = [&](const QString&, const PromptBridge::Reply& reply) {
     ++shown;
     reply({given, "u", "p", false});
   };
-  PromptBridge bridge(ask, 2, 30.0);
-  const auto expect = [&](const char* says, double later, int shown_by_then) {
-    clock.Advance(later);
+  PromptBridge bridge(ask, 2, 30.0, [&] { return now.load(); });
+  const auto expect = [&](const char* says, double later, bool is_shown, const QString& prompt = "a") {
+    now = now + later;
     const int before = shown;
-    const QString result = Asking(bridge, "a").Wait();
-    EXPECT_EQ(result, shown > before && given ? "u p" : "declined") << says;
-    EXPECT_EQ(shown, shown_by_then) << says;
+    EXPECT_EQ(AskOnce(bridge, prompt), is_shown && given ? "u p" : "declined") << says;
+    EXPECT_EQ(shown - before, is_shown ? 1 : 0) << says;
   };
-  expect("the first", 0, 1);
-  expect("the second in a row", 59, 2);
-  expect("one too many", 59, 2);
-  expect("which is remembered for a while", 29, 2);
-  expect("a row is over after a minute", 61, 3);
-  given = false;
-  expect("the user declines", 1, 4);
-  given = true;
-  expect("and is left alone", 29, 4);
-  EXPECT_EQ(Asking(bridge, "b").Wait(), "u p") << "another question has a row of its own";
+  Worker([&] {
+    expect("the first", 0, true);
+    expect("the second in a row", 59, true);
+    Worker([&] { expect("another's answer may have been right", 0, true); });
+    expect("one too many", 59, false);
+    Worker([&] { expect("which is remembered for everybody", 29, false); });
+    expect("another question has a row of its own", 0, true, "b");
+    expect("for a while", 2, true);
+    expect("in a row", 59, true);
+    expect("a row is over after a minute", 61, true);
+    given = false;
+    expect("the user declines", 1, true);
+    given = true;
+    expect("and is left alone", 29, false);
+  });
 }
 
 TEST(PromptBridgeTest, MayGoWhileAWorkerAsksAndFromWithinItsPrompt) {
@@ -101,10 +109,9 @@ TEST(PromptBridgeTest, MayGoWhileAWorkerAsksAndFromWithinItsPrompt) {
       if (round % 2 == 0) bridge.reset();
     });
     HttpConnectionFactory::SetUsernamePasswordQueryHandler(bridge.get());
-    Asking asking(*bridge, "a");
+    const Worker worker([&bridge = *bridge] { EXPECT_EQ(AskOnce(bridge, "a"), "declined"); });
     ASSERT_TRUE(PumpUntil([&] { return kept != nullptr; }));
     bridge.reset();
-    EXPECT_EQ(asking.Wait(), "declined");
     EXPECT_EQ(HttpConnectionFactory::GetUsernamePasswordQueryHandler(), nullptr);
   }
 }
@@ -118,9 +125,8 @@ TEST(PromptBridgeTest, APromptMayRunAnEventLoopOfItsOwn) {
     --depth;
     reply({true, prompt, "p", false});
   });
-  Asking a(bridge, "a"), b(bridge, "b");
-  EXPECT_EQ(a.Wait(), "a p");
-  EXPECT_EQ(b.Wait(), "b p");
+  const Worker a([&] { EXPECT_EQ(AskOnce(bridge, "a"), "a p"); });
+  const Worker b([&] { EXPECT_EQ(AskOnce(bridge, "b"), "b p"); });
 }
 
 }  // namespace

@@ -106,6 +106,7 @@ void QtHttpConnection::OnProxyAuthenticationRequestSlot(QNetworkProxy proxy, QAu
           .arg(host);
   const Challenge challenge(host, authenticator->realm());
   const ProxyAnswer latest = proxy_answers_.value(challenge);
+  QNetworkReply* const outer = std::exchange(challenged_reply_, nullptr);
   const bool known = !latest.given_to.empty();
   const bool had_it = latest.given_to.count(authenticator) > 0;
   // Each socket is challenged by itself, and knows nothing of what another was given a moment ago.
@@ -113,6 +114,7 @@ void QtHttpConnection::OnProxyAuthenticationRequestSlot(QNetworkProxy proxy, QAu
       known && !had_it && latest.given_to.size() < kMostSockets && latest.pair != FilledIn(*authenticator);
   const auto answer =
       untried ? latest.pair : FindAnswer(challenge, prompt, known ? &latest.pair : nullptr, *authenticator);
+  challenged_reply_ = outer;
   // What was refused is not sent again, even if the user says it once more. For servers Qt sees to that.
   if (!answer || (had_it && *answer == latest.pair)) {
     proxy_answers_.remove(challenge);
@@ -128,38 +130,42 @@ void QtHttpConnection::OnProxyAuthenticationRequestSlot(QNetworkProxy proxy, QAu
 //
 // Whether a challenge is the first one or says that an answer was refused cannot be told from what Qt fills
 // in: that may be what another realm was answered with, and is nothing at all for a proxy that is asked for a
-// tunnel. So we remember what we answered. And we look at what is stored before we delete it, because it may
-// be what Qt has just tried of its own accord.
+// tunnel. So we remember what we answered. And what is stored is looked at before it is deleted: it may be
+// what Qt has just tried of its own accord, or what the user has saved meanwhile, through another connection.
 std::optional<QtHttpConnection::Credentials> QtHttpConnection::FindAnswer(
     const Challenge& challenge, const QString& prompt, const Credentials* earlier,
     const QAuthenticator& authenticator) {
   const auto& [host, realm] = challenge;
-  const Credentials none;
   const Credentials tried = FilledIn(authenticator);
-  bool refused = earlier && (tried == none || tried == *earlier);
-
+  Credentials refused;  // an empty pair counts as refused: Qt takes it for no answer and ends the request
+  if (earlier && tried == Credentials()) {
+    refused = *earlier;
+  } else if (earlier || !challenged_reply_) {
+    // From a server what Qt has tried of its own accord is tried again: see OnAuthenticationRequestSlot().
+    refused = tried;
+  }
   Credentials pair;
-  bool given = !refused && ReadKeychain(host, realm, &pair.first, &pair.second);
-  // Qt takes an empty pair for no answer and ends the request. What it has tried of its own accord is tried
-  // once more for a server: see OnAuthenticationRequestSlot().
-  const bool in_vain = pair == none || (pair == tried && (earlier || !challenged_reply_));
-  if (given && in_vain) refused = true;
-  if (refused || !given) given = AskUser(host, realm, prompt, refused, &pair.first, &pair.second);
-  return given ? std::optional<Credentials>(pair) : std::nullopt;
+  if (ReadKeychain(host, realm, JoinTwoStrings(refused.first, refused.second), &pair.first, &pair.second)) {
+    return pair;
+  }
+  // Nobody is asked for what was cancelled meanwhile. A proxy does not say for which request it asks.
+  const bool cancelled = challenged_reply_ ? !replies_.contains(challenged_reply_) : replies_.isEmpty();
+  if (cancelled || !AskUser(host, realm, prompt, &pair.first, &pair.second)) return std::nullopt;
+  return pair;
 }
 
 bool QtHttpConnection::GetUsernameAndPassword(const QString& host, const QString& realm, QString& username,
                                               QString& password, const QString& prompt) {
-  const bool refused = !username.isEmpty() || !password.isEmpty();
-  if (!refused && ReadKeychain(host, realm, &username, &password)) return true;
-  return AskUser(host, realm, prompt, refused, &username, &password);
+  if (username.isEmpty() && password.isEmpty()) {
+    if (ReadKeychain(host, realm, QString(), &username, &password)) return true;
+  } else {
+    DeleteUsernameAndPassword(host, realm);
+  }
+  return AskUser(host, realm, prompt, &username, &password);
 }
 
-bool QtHttpConnection::AskUser(const QString& host, const QString& realm, const QString& prompt, bool refused,
+bool QtHttpConnection::AskUser(const QString& host, const QString& realm, const QString& prompt,
                                QString* username, QString* password) {
-  // Not a slip: the refused pair goes even if nobody can be asked for a better one.
-  // CredentialsTest.TheKeychainIsAskedFirstAndTheUserSecond holds this in place.
-  if (refused) DeleteUsernameAndPassword(host, realm);
   username->clear();
   password->clear();
   bool save = false;
@@ -183,18 +189,19 @@ void QtHttpConnection::RestoreTwoStringsFromOne(const QString& one, QString& a, 
   SplitTwoStrings(one, &a, &b);
 }
 
-bool QtHttpConnection::ReadKeychain(const QString& host, const QString& realm, QString* username,
-                                    QString* password) {
-  const auto question = MakeQuestion(KeychainQuestion::Verb::kRead, host, realm);
+// Not a slip: a refused pair goes even if nobody can be asked for a better one.
+// CredentialsTest.TheKeychainIsAskedFirstAndTheUserSecond holds this in place.
+bool QtHttpConnection::ReadKeychain(const QString& host, const QString& realm, const QString& refused,
+                                    QString* username, QString* password) {
+  const auto question = MakeQuestion(KeychainQuestion::Verb::kRead, host, realm, refused);
   if (!WaitForKeychain(question)) return false;
   SplitTwoStrings(question->text(), username, password);
   return question->succeeded();
 }
 
 bool QtHttpConnection::CallHandler(const QString& prompt, QString* username, QString* password, bool* save) {
-  const bool cancelled = challenged_reply_ && !replies_.contains(challenged_reply_);
   const QueryHandlerUse use;
-  if (cancelled || leaving_ || !use.handler() || !gate_->EnterHandler()) return false;
+  if (leaving_ || !use.handler() || !gate_->EnterHandler()) return false;
   const bool given = use.handler()->QueryUsernameAndPassword(prompt, *username, *password, save);
   gate_->LeaveHandler();
   return given;

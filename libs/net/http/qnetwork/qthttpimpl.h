@@ -176,6 +176,7 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   QNetworkReply* StartReply(const QtHttpRequest& request);
   void ReadableReply(QNetworkReply* reply);
   bool ReceiveBody(QtHttpRequest* request);
+  void End(QtHttpRequest* request);
   void AbandonReply(QtHttpRequest* request);
   unsigned int ProcessResponse(QtHttpRequest* request);
   unsigned int TakeResponse(QtHttpRequest* request);
@@ -189,9 +190,10 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   class ChallengeScope;
   std::optional<Credentials> FindAnswer(const Challenge& challenge, const QString& prompt,
                                         const Credentials* earlier, const QAuthenticator& authenticator);
-  bool ReadKeychain(const QString& host, const QString& realm, QString* username, QString* password);
-  bool AskUser(const QString& host, const QString& realm, const QString& prompt, bool refused,
-               QString* username, QString* password);
+  bool ReadKeychain(const QString& host, const QString& realm, const QString& refused, QString* username,
+                    QString* password);
+  bool AskUser(const QString& host, const QString& realm, const QString& prompt, QString* username,
+               QString* password);
   bool CallHandler(const QString& prompt, QString* username, QString* password, bool* save);
   bool WaitForKeychain(const std::shared_ptr<KeychainQuestion>& question);
   void PutOffLeaving();
