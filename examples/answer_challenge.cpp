@@ -2,8 +2,12 @@
 // prompt below comes. A program with windows would show a dialog there.
 //
 //   answer_challenge <URL> <user name>      the password is in the environment, in LAKE_PASSWORD
+//
+// Whoever it is redirected to may ask, and so may a proxy. All that tells one from the other is the host at
+// the end of the prompt: a user can read it, and a program that answers by itself must.
 
 #include <QCoreApplication>
+#include <QUrl>
 #include <cstdio>
 
 #include "orvan/net/fetcher.h"
@@ -19,10 +23,12 @@ int main(int argc, char** argv) {
   if (argc != 3) return std::fprintf(stderr, "usage: answer_challenge <URL> <user name>\n"), 2;
   Init(QString(), QString());
 
-  PromptBridge bridge([argv](const QString& prompt, const PromptBridge::Reply& reply) {  // main thread
+  const QString url = QString::fromLocal8Bit(argv[1]);
+  const QString ours = QStringLiteral("password for ") + QUrl(url).host();  // a proxy's says "for HTTP proxy"
+  PromptBridge bridge([argv, ours](const QString& prompt, const PromptBridge::Reply& reply) {  // main thread
     std::printf("%s\n", qPrintable(prompt));
     PromptBridge::Answer answer;
-    answer.given = true;
+    answer.given = prompt.endsWith(ours);
     answer.username = QString::fromLocal8Bit(argv[2]);
     answer.password = qEnvironmentVariable("LAKE_PASSWORD");
     reply(answer);  // answer.save would put it into the keychain
@@ -30,7 +36,7 @@ int main(int argc, char** argv) {
   HttpConnectionFactory::SetUsernamePasswordQueryHandler(&bridge);
 
   Fetcher::FetchParams params;
-  params.url = QString::fromLocal8Bit(argv[1]);
+  params.url = url;
   params.callback = [](Fetcher& fetcher) {
     std::printf("state %d, %d bytes\n", fetcher.GetState(), fetcher.getSize());
     QCoreApplication::exit(fetcher.GetState() == kFetchSuccess ? 0 : 1);
