@@ -59,10 +59,10 @@ class Nginx:
             self.wait_for(port)
 
     @staticmethod
-    def wait_for(port):
+    def wait_for(port, host="127.0.0.1"):
         for _ in range(100):
             try:
-                socket.create_connection(("127.0.0.1", port), 1).close()
+                socket.create_connection((host, port), 1).close()
                 return
             except OSError:
                 time.sleep(0.05)
