@@ -39,7 +39,7 @@ constexpr std::uint32_t HashWord(std::uint32_t value) { return HashFinish(HashBl
 // The hash of a text, starting from `seed` itself. Not a slip: unlike the published form, the length is not
 // mixed in. So the blocks of a text are on the way to the hash of any longer one, and one pass yields the
 // hash of every leading part, which the search for cached archives uses.
-// HashTest.ALeadingPartIsAStepOnTheWay holds this in place.
+// KmzCacheTest.FindsAnArchiveUnderAnyLeadingPart holds this in place.
 template <typename T>
 std::uint32_t GenerateHash(const T& value, std::uint32_t seed);
 // The only kind of value so far.

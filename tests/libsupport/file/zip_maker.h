@@ -17,7 +17,6 @@ struct ZipEntry {
   QByteArray crc_of = QByteArray();  // what the CRC is that of, if not of the content
   qint64 size_error = 0;             // added to the stated unpacked size
   qint64 packed_error = 0;           // added to the stated packed size
-  qint64 local_header = -1;          // where the entry begins as stated, if not where it does
 };
 
 // Writes zip archives byte by byte, as no well-behaved writer would.
