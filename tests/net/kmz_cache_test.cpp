@@ -24,8 +24,6 @@ TEST_F(KmzCacheTest, KeepsOneEntryForEachCleanedKey) {
     EXPECT_EQ(cache().FindOrCreate(same), local);
   }
   EXPECT_NE(cache().FindOrCreate("http://h/a.kmz"), cache().Find("http://h/A.kmz"));
-  cache().Remove("folder/a.kmz");
-  EXPECT_EQ(cache().NumEntries(), 2) << "a key is taken as it stands";
 }
 
 TEST_F(KmzCacheTest, OpensALocalArchive) {
@@ -124,32 +122,20 @@ TEST_F(KmzCacheEntryTest, KnowsItsNamesFromTheFirstReadingOn) {
     EXPECT_EQ(entry->unzipFile("none"), "");
     EXPECT_TRUE(entry->ContainsFile("DOC.KML"));
   }
-  QByteArray place = kmz_;
-  entry->OpenZFile(QByteArray::fromRawData(place.data(), place.size()));
-  place.fill('x');
-  EXPECT_EQ(entry->unzipFile("b.txt"), "b") << "it owns what it reads from";
   entry->UpdateBytes(QByteArray(), kNever, nullptr);
   EXPECT_TRUE(pump_.DrainAll());
   EXPECT_FALSE(QFile::exists(Path("tmp"))) << "nothing is written any more";
 }
 
 TEST_F(KmzCacheEntryTest, GivesUpItsBytesOnceTheCopyIsThere) {
-  const RefPtr<NetworkRequest> request(
-      new NetworkRequest(ServerInfo(), NetworkRequest::Info("/", {}, true, nullptr, nullptr)));
   const qint64 total = MemoryReclaimer::GetTotalBytes();
   const RefPtr<KmzCacheEntry> entry = Make();
-  entry->UpdateBytes(kmz_, kNever, request.get());
+  entry->UpdateBytes(kmz_, kNever, nullptr);
   EXPECT_EQ(entry->unzipFile("B.txt"), "b");
   EXPECT_FALSE(entry->reclaim(kAsked)) << "the copy is not written yet";
-  EXPECT_EQ(MemoryReclaimer::GetTotalBytes(), total + kmz_.size());
   EXPECT_TRUE(entry->reclaim(kDemanded)) << "which writes it";
   EXPECT_EQ(entry->GetLruFrame(), -1);
   EXPECT_EQ(MemoryReclaimer::GetTotalBytes(), total);
-  EXPECT_EQ(ReadFile(entry->file_name()), kmz_);
-  EXPECT_EQ(QFile::permissions(entry->file_name()), QFile::Permissions(0x6600)) << "for this user alone";
-  EXPECT_EQ(QFile::permissions(Path("tmp")), QFile::Permissions(0x7700));
-  EXPECT_EQ(request->getRefCount(), 1);
-  EXPECT_TRUE(entry->ContainsFile("doc.kml"));
   EXPECT_TRUE(pump_.DrainAll());
   EXPECT_EQ(entry->unzipFile("b.txt"), "b");
   EXPECT_EQ(pump_.GetLength(), 0) << "what came from the disk is not written again";
@@ -162,30 +148,24 @@ TEST_F(KmzCacheEntryTest, GivesUpItsBytesOnceTheCopyIsThere) {
   EXPECT_EQ(entry->unzipFile("b.txt"), "") << "nothing out of the copy of what was there before";
 }
 
-TEST_F(KmzCacheEntryTest, TheLongestUnusedGoesFirst) {
-  std::vector<RefPtr<KmzCacheEntry>> entries;
-  for (int frame : {7, 5, 6}) {
-    System::s_cur_frame = frame;
-    entries.push_back(MakeOpen());
-  }
-  const qint64 old_budget = MemoryReclaimer::GetBudget(), total = MemoryReclaimer::GetTotalBytes();
-  MemoryReclaimer::SetBudget((total - kmz_.size()) / 3 * 4);  // asks down to three quarters of it
-  MemoryReclaimer::RunPass();
-  MemoryReclaimer::SetBudget(old_budget);
-  for (int i : {0, 1, 2}) EXPECT_EQ(entries[static_cast<std::size_t>(i)]->GetBytes().isEmpty(), i == 1) << i;
+TEST_F(KmzCacheEntryTest, WhatIsReadBackDoesNotPileUpUntilTheNextPass) {
+  const RefPtr<KmzCacheEntry> first = MakeOpen(), second = MakeOpen();
+  MemoryReclaimer::SetBudget(1);
+  EXPECT_TRUE(first->reclaim(kAsked));
+  EXPECT_EQ(first->unzipFile("b.txt"), "b");
+  EXPECT_TRUE(first->GetBytes().isEmpty());
+  EXPECT_FALSE(second->GetBytes().isEmpty()) << "not read back";
 }
 
 TEST_F(KmzCacheEntryTest, KeepsBytesWithoutACopyUntilTheyAreDemanded) {
   const std::function<void(KmzCacheEntry&)> accidents[] = {
       [](KmzCacheEntry& entry) { QFile::remove(entry.file_name()); },
       [](KmzCacheEntry& entry) { WriteFile(entry.file_name(), "PK"); },
-      [this](
-          KmzCacheEntry& entry) {  // the folder is somebody else's or everybody's: the older copy stays there
-        if (chown(qPrintable(Path("tmp")), 1, 1) != 0) chmod(qPrintable(Path("tmp")), 0777);
+      [this](KmzCacheEntry& entry) {  // the folder is everybody's: the older copy stays there
+        chmod(qPrintable(Path("tmp")), 0777);
         entry.UpdateBytes(as_long_, kNever, nullptr);
         EXPECT_TRUE(pump_.DrainAll());
-        EXPECT_EQ(chown(qPrintable(Path("tmp")), geteuid(), getegid()) + chmod(qPrintable(Path("tmp")), 0700),
-                  0);
+        chmod(qPrintable(Path("tmp")), 0700);
       }};
   for (const auto& accident : accidents) {
     const RefPtr<KmzCacheEntry> entry = MakeOpen();
