@@ -92,16 +92,6 @@ class FakeConnection : public HttpConnection {
   ScriptedTransport* const transport_;
 };
 
-void ScriptedTransport::SetAnswer(const std::optional<ScriptedReply>& answer, unsigned int refusal) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  answer_ = {answer, refusal};
-}
-
-ScriptedTransport::Answer ScriptedTransport::GetAnswer() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return answer_;
-}
-
 bool ScriptedTransport::CompleteFirst(const std::function<bool(const Held&)>& wanted,
                                       const ScriptedReply& reply, Where where) {
   HttpRequest* request = nullptr;

@@ -69,8 +69,14 @@ class ScriptedTransport : public net::HttpConnectionFactory {
     net::HttpRequest* request;  // holds the reference that the connection's queue stands for
   };
   using Answer = std::pair<std::optional<ScriptedReply>, unsigned int>;  // what comes back, why it is refused
-  Answer GetAnswer() const;
-  void SetAnswer(const std::optional<ScriptedReply>& answer, unsigned int refusal);
+  Answer GetAnswer() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return answer_;
+  }
+  void SetAnswer(const std::optional<ScriptedReply>& answer, unsigned int refusal) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    answer_ = {answer, refusal};
+  }
   bool CompleteFirst(const std::function<bool(const Held&)>& wanted, const ScriptedReply& reply, Where where);
 
   mutable std::mutex mutex_;  // over the locks of the connections' queues

@@ -1,9 +1,12 @@
 #include "orvan/net/connection/connection_cache.h"
 
 #include <memory>
+#include <thread>
 
 #include "orvan/net/http/http_connection_factory.h"
 #include "tests/net/connection/connection_fixture.h"
+#include "tests/support/wait.h"
+#include "tests/support/watchdog.h"
 
 namespace orvan::test {
 namespace {
@@ -50,41 +53,29 @@ TEST_F(ConnectionCacheTest, UseDoesNotMoveTheFinalExpiry) {
   EXPECT_EQ(cache->GetEntryCount(), 0);
   pump.Drain();
   EXPECT_EQ(transport.alive, 1) << "a request still uses it";
-  cache->RefreshOrAddConnection(busy.get());
-  clock.Advance(59.0);
+}
+
+// The deleter is inside a step on the main thread when another thread destroys the cache.
+TEST_F(ConnectionCacheTest, TheDestructorWaitsForAStepOfTheDeleter) {
+  const Watchdog watchdog(60, "the end of a cache");
+  const Gate inside, gone;
+  bool waited = false;
+  transport.destroy_hook = [&](const ServerInfo&) {
+    inside.Open();
+    waited = !gone.Wait(50);
+  };
+  Add("a");
+  clock.Advance(61.0);
   ASSERT_TRUE(Fire());
-  EXPECT_EQ(cache->GetEntryCount(), 1) << "a new entry has a new age";
-}
-
-TEST_F(ConnectionCacheTest, TheDeleterGivesWayBetweenConnectionsAndStartsAtTheBack) {
-  QStringList ended;
-  transport.destroy_hook = [&ended](const ServerInfo& server) { ended << server.host(); };
-  mmvector<ConnectionCache::ConnectionEntry> entries;
-  for (const char* host : {"a", "b", "c"}) entries.push_back({Make(host), 0.0, 0.0});
-  const RefPtr<ConnectionCache::ConnectionDeleterJob> job =
-      new ConnectionCache::ConnectionDeleterJob(std::move(entries));
-  const CountingContinuator never(0);
-  EXPECT_EQ(job->Run(never, nullptr), AbstractJob::kRunAgain);
-  EXPECT_EQ(job->Run(never, nullptr), AbstractJob::kRunAgain);
-  EXPECT_EQ(job->Run(never, nullptr), AbstractJob::kFinished);
-  EXPECT_EQ(never.asked(), 2) << "not asked once there is nothing left";
-  EXPECT_EQ(ended, QStringList({"c", "b", "a"}));
-  EXPECT_EQ(job->Run(never, nullptr), AbstractJob::kFinished);
+  std::thread destroyer([&] {
+    EXPECT_TRUE(inside.Wait());
+    cache.reset();
+    gone.Open();
+  });
+  pump.Drain();
+  destroyer.join();
+  EXPECT_TRUE(waited);
   transport.destroy_hook = nullptr;
-}
-
-TEST_F(ConnectionCacheTest, FireAndDestructionEmptyAJobThatHasNotRun) {
-  for (const bool destroy : {false, true}) {
-    Add("a");
-    clock.Advance(61.0);
-    ASSERT_TRUE(Fire());
-    ASSERT_EQ(pump.GetLength(), 1);
-    if (destroy) Add("b");
-    destroy ? cache.reset() : (void)Fire();
-    EXPECT_EQ(transport.alive, 0);
-    EXPECT_EQ(pump.GetLength(), 1) << "no new job";
-    pump.Drain();
-  }
 }
 
 }  // namespace

@@ -20,7 +20,6 @@ class Recorder : public net::NetworkRequest::Callback {
  public:
   static constexpr unsigned int kNoHttpRequest = ~0u;
   struct Delivery {
-    QString url;
     unsigned int status;
     unsigned long thread;
   };
@@ -29,8 +28,7 @@ class Recorder : public net::NetworkRequest::Callback {
     if (inside) inside(request);
     const net::HttpRequest* const http = request->GetConstHttpRequest();
     std::lock_guard<std::mutex> guard(mutex_);
-    deliveries_.push_back(
-        {request->info().url_, http ? http->GetResponseStatus() : kNoHttpRequest, System::CurrentThreadId()});
+    deliveries_.push_back({http ? http->GetResponseStatus() : kNoHttpRequest, System::CurrentThreadId()});
   }
   std::vector<Delivery> Get() const {
     std::lock_guard<std::mutex> guard(mutex_);
