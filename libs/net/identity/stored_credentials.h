@@ -19,8 +19,8 @@ class IUsernamePasswordQueryHandler;
 //            well, once IsAnswered().
 // Ownership: shared with the keychain's thread, so that whoever asks may go before the answer comes.
 // Errors:    without a keychain (no session bus, no service on it, a locked collection) the answer is a
-//            failure. One that takes its time is waited for without a limit, and holds up the questions
-//            behind it.
+//            failure. One that takes its time is waited for, and holds up the questions behind it. When it
+//            has said nothing to a call for 25 seconds the bus gives that call up, which is a failure too.
 class KeychainQuestion {
  public:
   enum class Verb { kRead, kWrite, kDelete };
