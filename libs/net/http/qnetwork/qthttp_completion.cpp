@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "orvan/net/http/qnetwork/body_decoder.h"
 #include "orvan/net/http/qnetwork/qthttpimpl.h"
 #include "orvan/net/http/qnetwork/send_gate.h"
 #include "orvan/support/text/text.h"
@@ -21,6 +22,8 @@ constexpr qint64 kMiB = qint64{1024} * 1024;
 constexpr qint64 kReadAsItComesFrom = 2 * kMiB;
 // How much of a longer one Qt may hold when it receives faster than we read.
 constexpr qint64 kHeldByQt = 16 * kMiB;
+// How much of a packed one is unpacked at a time.
+constexpr qint64 kUnpackedAtATime = 64 * 1024;
 // How far ahead of what has arrived an announced length is believed.
 constexpr qint64 kBelievedAhead = 64 * kMiB;
 
@@ -43,6 +46,16 @@ unsigned int FirstCapacity(const QNetworkReply& reply, qint64 available) {
     while (capacity > available + kBelievedAhead) capacity = (capacity + 1) / 2;
   }
   return static_cast<unsigned int>(capacity);
+}
+
+// False if the memory domain refuses.
+bool Unpack(QNetworkReply* reply, BodyDecoder* decoder, HeapBuffer* body) {
+  while (!decoder->broken()) {
+    const QByteArray packed = reply->read(kUnpackedAtATime);
+    if (packed.isEmpty()) break;
+    if (!decoder->Feed(packed, body)) return false;
+  }
+  return true;
 }
 
 int HttpCodeOf(const QNetworkReply& reply) {
@@ -78,25 +91,39 @@ void QtHttpConnection::ReadableReply(QNetworkReply* reply) {
   if (!request) return;  // abandoned; Qt had more on its way
   if (!request->received_) {
     if (reply->bytesAvailable() < kReadAsItComesFrom) return;
+    // Nobody will see the rest of this one, which may have no end.
     if (JudgeHead(*request, *reply) != Fate::kBody) {
-      reply->skip(reply->bytesAvailable());
+      End(request);
       return;
     }
   }
-  if (ReceiveBody(request)) return;
-  TakeRefusal(request);
-  ReleaseReply(request);
-  Complete(request);
+  if (!ReceiveBody(request)) {
+    TakeRefusal(request);
+    ReleaseReply(request);
+    Complete(request);
+  } else if (IsBroken(*request)) {
+    End(request);
+  }
 }
 
-// Moves what has arrived into `received_`. False if the memory domain refuses, or no buffer can hold it.
+bool QtHttpConnection::IsBroken(const QtHttpRequest& request) {
+  return request.decoder_ && request.decoder_->broken();
+}
+
+// Moves what has arrived into `received_`, and unpacks it on the way. False if the memory domain refuses, or
+// no buffer can hold it.
 bool QtHttpConnection::ReceiveBody(QtHttpRequest* request) {
   QNetworkReply* const reply = request->reply_;
   if (!request->received_) {
-    request->received_ = NewBuffer(memory_manager(), FirstCapacity(*reply, reply->bytesAvailable()));
+    if (request->unpacks_) request->decoder_ = BodyDecoder::Make(reply->rawHeader("Content-Encoding"));
+    const qint64 available = reply->bytesAvailable();
+    request->received_ = NewBuffer(
+        memory_manager(), request->decoder_ ? static_cast<unsigned int>(std::max<qint64>(available, 1))
+                                            : FirstCapacity(*reply, available));
     if (!request->received_) return false;
     if (!reply->isFinished()) reply->setReadBufferSize(kHeldByQt);
   }
+  if (request->decoder_) return Unpack(reply, request->decoder_.get(), request->received_.get());
   HeapBuffer& body = *request->received_;
   while (reply->bytesAvailable() > 0) {
     const unsigned int room = body.capacity() - body.size();
@@ -120,10 +147,16 @@ void QtHttpConnection::RequestFinishedSlot() {
   QtHttpRequest* const request = replies_.value(reply);
   if (!request) return;  // none of ours; it is left alone
 
+  End(request);
+}
+
+// Follows the redirect of a reply that has told enough, or completes its request.
+void QtHttpConnection::End(QtHttpRequest* request) {
+  const QNetworkReply& reply = *request->reply_;
   const bool cancelled = request->phase_ == QtHttpRequest::kCancelled;
-  const bool redirected = !cancelled && JudgeHead(*request, *reply) == Fate::kFollow;
+  const bool redirected = !cancelled && JudgeHead(*request, reply) == Fate::kFollow;
   if (redirected) {
-    request->redirect_url_ = RedirectTargetOf(*reply);
+    request->redirect_url_ = RedirectTargetOf(reply);
     ++request->redirect_count_;
   } else {
     (void)ProcessResponse(request);  // the request has it
@@ -151,30 +184,41 @@ unsigned int QtHttpConnection::ProcessResponse(QtHttpRequest* request) {
   if (!reply) return kStatusFailed;
   // Cancel() came in while Qt was telling the end.
   if (request->phase_ == QtHttpRequest::kCancelled) return TakeFailure(request, 0);
-  if (JudgeHead(*request, *reply) == Fate::kRefuse) return TakeFailure(request, 0);
+  const Fate fate = JudgeHead(*request, *reply);
+  if (fate == Fate::kRefuse) return TakeFailure(request, 0);
   // Not a slip: an error behind a 200 is a success with an empty body. Qt reports a connection that is lost
   // in mid-body by chance as an error or as none, so the status is all that callers can rely on.
-  if (reply->error() != QNetworkReply::NoError) return TakeFailure(request, HttpCodeOf(*reply));
+  const bool failed = reply->error() != QNetworkReply::NoError;
+  if (failed || fate == Fate::kErrorPage) return TakeFailure(request, HttpCodeOf(*reply));
   return TakeResponse(request);
 }
 
 // Whatever Qt reports without an error is a success: 200, 204 and a redirect that is not followed alike.
 unsigned int QtHttpConnection::TakeResponse(QtHttpRequest* request) {
   if (!ReceiveBody(request)) return TakeRefusal(request);
+  if (IsBroken(*request)) return TakeFailure(request, HttpCodeOf(*request->reply_));
   request->received_->Trim();
   request->SetResponseBuffer(request->received_.get());
-  request->received_ = nullptr;
+  const bool unpacked = request->decoder_ != nullptr;
+  DropBody(request);
   request->SetResponseStatus(kStatusOk);
   // Qt merges lines of one name: with ", " between them, or a line feed for Set-Cookie.
   for (const QNetworkReply::RawHeaderPair& header : request->reply_->rawHeaderPairs()) {
+    // It told the length on the way.
+    if (unpacked && header.first.compare("Content-Length", Qt::CaseInsensitive) == 0) continue;
     request->AddResponseHeader(TextFromBytes(header.first) + QLatin1String(": ") +
                                TextFromBytes(header.second));
   }
   return kStatusOk;
 }
 
-unsigned int QtHttpConnection::TakeRefusal(QtHttpRequest* request) {
+void QtHttpConnection::DropBody(QtHttpRequest* request) {
   request->received_ = nullptr;
+  request->decoder_ = nullptr;
+}
+
+unsigned int QtHttpConnection::TakeRefusal(QtHttpRequest* request) {
+  DropBody(request);
   request->SetResponseBuffer(nullptr);
   request->SetResponseStatus(kStatusOutOfMemory);
   return kStatusOutOfMemory;
@@ -182,7 +226,7 @@ unsigned int QtHttpConnection::TakeRefusal(QtHttpRequest* request) {
 
 // An empty buffer, not none, and no header lines, whatever the server sent with its error.
 unsigned int QtHttpConnection::TakeFailure(QtHttpRequest* request, int http_code) {
-  request->received_ = nullptr;
+  DropBody(request);
   request->SetResponseBuffer(NewBuffer(memory_manager(), 1).get());
   const unsigned int status = InterpretHttpResponseCode(http_code);
   request->SetResponseStatus(status);

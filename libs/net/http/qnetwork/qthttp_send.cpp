@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QNetworkReply>
 
+#include "orvan/net/http/qnetwork/body_decoder.h"
 #include "orvan/net/http/qnetwork/header_lines.h"
 #include "orvan/net/http/qnetwork/qthttpimpl.h"
 #include "orvan/net/http/qnetwork/send_gate.h"
@@ -69,6 +70,9 @@ void QtHttpConnection::PrepareForWire(QtHttpRequest* request) const {
   for (int i = 0; i < count; ++i) AddHeaderLine(request->GetRequestHeader(i), &wire, &jar_cookies);
   if (!user_agent_.isEmpty()) wire.setRawHeader("User-Agent", user_agent_);
   FeedJar(jar_cookies, wire.url());
+  // What Qt would say as well, but having been told it leaves packed bodies alone.
+  request->unpacks_ = !wire.hasRawHeader("Accept-Encoding");
+  if (request->unpacks_) wire.setRawHeader("Accept-Encoding", BodyDecoder::kAccepted);
 
   const HeapBuffer* const body = request->GetRequestBuffer();
   request->request_body_ = body ? body->ToQByteArray() : QByteArray();  // GET and DELETE leave it unsent

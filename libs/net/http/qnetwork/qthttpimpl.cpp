@@ -4,6 +4,7 @@
 #include <QNetworkReply>
 #include <utility>
 
+#include "orvan/net/http/qnetwork/body_decoder.h"
 #include "orvan/net/http/qnetwork/header_lines.h"
 #include "orvan/net/http/qnetwork/send_gate.h"
 #include "orvan/net/identity/cookie_jar.h"

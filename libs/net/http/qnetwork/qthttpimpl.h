@@ -32,6 +32,7 @@ class QNetworkReply;
 
 namespace orvan::net {
 
+class BodyDecoder;
 class GateTicket;
 class KeychainQuestion;
 class QtHttpConnection;
@@ -69,8 +70,10 @@ class ORVAN_NET_EXPORT QtHttpRequest : public HttpRequest {
 
   QNetworkReply* reply_ = nullptr;  // owned by the connection; null unless the worker has it in flight
   QUrl redirect_url_;
-  int redirect_count_ = 0;       // over the life of the request
-  RefPtr<HeapBuffer> received_;  // the body so far, of responses too long to wait for their end
+  int redirect_count_ = 0;                // over the life of the request
+  bool unpacks_ = false;                  // the request says nothing of its own about packed bodies
+  RefPtr<HeapBuffer> received_;           // the body so far, of responses too long to wait for their end
+  std::unique_ptr<BodyDecoder> decoder_;  // of a packed one
 };
 
 // The thread of one connection: an event loop, and nothing else.
@@ -176,6 +179,8 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   QNetworkReply* StartReply(const QtHttpRequest& request);
   void ReadableReply(QNetworkReply* reply);
   bool ReceiveBody(QtHttpRequest* request);
+  static bool IsBroken(const QtHttpRequest& request);
+  static void DropBody(QtHttpRequest* request);
   void End(QtHttpRequest* request);
   void AbandonReply(QtHttpRequest* request);
   unsigned int ProcessResponse(QtHttpRequest* request);
