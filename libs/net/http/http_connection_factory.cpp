@@ -19,6 +19,9 @@ constexpr const char* kDefaultSecureDomains[] = {".quorex.example", ".quorexstat
 constexpr const char* kDefaultInsecureHosts[] = {"chart.quorex.example", "orvan.quorex.example",
                                                  "orvanpro.quorex.example"};
 
+// Of all response bodies together: generous, and less than what ends the program on most machines.
+constexpr std::size_t kDefaultCeiling = std::size_t{2} << 30;
+
 // None of these tables is ever destroyed: worker threads may outlive the static objects.
 
 struct Factories {
@@ -118,6 +121,7 @@ HeapManager* HttpConnectionFactory::GetHttpHeap() {
         MemoryPool(QStringLiteral("HttpThreadPool"), static_cast<unsigned int>(bytes));
     auto* const manager = new (HeapManager::GetStaticHeap()) HeapManager(pool);
     pool->unref();  // ours, from its construction; the manager has its own
+    manager->SetCeiling(kDefaultCeiling);
     return manager;
   }();
   return heap;

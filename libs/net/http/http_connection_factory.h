@@ -68,7 +68,8 @@ class ORVAN_NET_EXPORT HttpConnectionFactory {
                                               double timeout, int transfer_timeout, int connection_limit,
                                               int min_transfer_rate, int min_transfer_rate_time,
                                               int max_transfer_rate);
-  // The domain of response bodies, named "HttpThreadPool"; see HeapManager::SetCeiling().
+  // The domain of response bodies, named "HttpThreadPool". Its ceiling is 2 GiB for all of them together,
+  // until HeapManager::SetCeiling() says otherwise: what would exceed it ends as kStatusOutOfMemory.
   static HeapManager* GetHttpHeap();
 
   // Switches the upgrade for secure hosts on or off, for the next request on existing connections too.

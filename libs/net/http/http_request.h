@@ -24,7 +24,8 @@ namespace orvan::net {
 //            connection. unref() may destroy the request, on whatever thread that happens to be.
 // Errors:    operations that return a status return kStatusOk or kStatusFailed.
 // Security:  a redirect repeats the request with all its header lines and its body, credentials and cookies
-//            included, to whatever host it names. There is no limit to a body, and no time-out.
+//            included, to whatever host it names. A body is limited by its memory domain only, and there is
+//            no time-out.
 class ORVAN_NET_EXPORT HttpRequest : public DLink {
  public:
   // An ordered list of whole header lines, "Name: value", without line ends. Names may repeat.
