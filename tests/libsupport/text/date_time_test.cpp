@@ -24,7 +24,6 @@ TEST(DateTimeTest, ReadsTheThreeFormsOfAnHttpDate) {
       {"extra blanks", "  Sun ,6  Nov 1994   8:49:37  GMT \r\n", Utc(1994, 11, 6, 8, 49, 37)},
       {"any letter case", "sun, 06 NOV 1994 08:49:37 gmt", Utc(1994, 11, 6, 8, 49, 37)},
       {"leap second", "Sat, 31 Dec 2016 23:59:60 GMT", Utc(2017, 1, 1, 0, 0, 0)},
-      {"before 1970", "Wed, 31 Dec 1969 23:59:59 GMT", Utc(1969, 12, 31, 23, 59, 59)},
       {"two digits, 50 years ahead", "Thursday, 22-Nov-74 12:00:00 GMT", Utc(2074, 11, 22, 12, 0, 0)},
       {"two digits, a second more", "Friday, 22-Nov-74 12:00:01 GMT", Utc(1974, 11, 22, 12, 0, 1)},
       {"text behind", "Sun, 06 Nov 1994 08:49:37 GMT; x", {}},
