@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
+#include "orvan/net/identity/certificate_handler.h"
 #include "tests/net/http/bare_connection.h"
 #include "tests/support/text_cases.h"
+#include "tests/support/wait.h"
 
 namespace orvan::net {
 namespace {
@@ -86,6 +90,24 @@ TEST_F(HttpConnectionFactoryTest, ConnectionsMakeTheirUrlsWhenTheyAreAsked) {
   EXPECT_EQ(url("%1.example", false, 8080), "http://%1.example:8080") << "a marker is not expanded";
   const test::PlainRequest request("/a%2Fb?c=%25d");
   EXPECT_EQ(waiting.MakeFullUrl(request).toEncoded(), "https://www.quorex.example/a%2Fb?c=%25d");
+}
+
+// Whoever takes the handler away may destroy it.
+TEST_F(HttpConnectionFactoryTest, TheCertificateHandlerStaysWhileItIsAsked) {
+  struct Handler : ICertificateHandler {
+    bool SelectCertificate(const mmvector<CertificateInfo*>&, const void**) override {
+      asked.Open();
+      EXPECT_FALSE(gone.Wait(50)) << "only if nobody waits";
+      return true;
+    }
+    const test::Gate asked, gone;
+  } handler;
+  HttpConnectionFactory::SetCertificateHandler(&handler);
+  std::thread asker([] { EXPECT_TRUE(HttpConnectionFactory::GetCertificateFromList({}, nullptr)); });
+  EXPECT_TRUE(handler.asked.Wait());
+  HttpConnectionFactory::SetCertificateHandler(nullptr);
+  handler.gone.Open();
+  asker.join();
 }
 
 }  // namespace
