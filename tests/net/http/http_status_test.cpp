@@ -23,6 +23,16 @@ TEST(HttpStatusTest, MapsCodesToWords) {
   for (const auto& row : rows) EXPECT_EQ(InterpretHttpResponseCode(row.code), row.word) << row.says;
 }
 
+TEST(HttpStatusTest, ReadsStatusLines) {
+  int code = 42;
+  EXPECT_TRUE(ParseHttpStatusLine("HTTP/1.1 404 ", &code));
+  EXPECT_EQ(code, 404);
+  for (const char* line : {"HTTP/1.1 200", "HTTP/1.0 200 OK", "HTTP/1.1 abc OK", "HTTP/1.1  200 OK"}) {
+    EXPECT_FALSE(ParseHttpStatusLine(line, &code)) << line;
+    EXPECT_EQ(code, 0);
+  }
+}
+
 // The texts are keys of translations. A state without a text shares the last one.
 TEST(HttpStatusTest, EveryStateHasAText) {
   EXPECT_EQ(GetFetchStateText(kFetchSuccess), "Success");
