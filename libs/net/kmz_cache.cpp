@@ -218,6 +218,10 @@ QString KmzCache::GenerateNextKmzName() {
   return GetKmzTmpDir() + QStringLiteral("/qxTemp_%1.kmz").arg(id);
 }
 
+void KmzCache::RemoveCopy(const QString& name) {
+  if (IsOwnDirectory(QFileInfo(name).path())) QFile(name).remove();
+}
+
 IJobContainer* KmzCache::GetJobContainer() {
   SpinLockGuard guard(settings_lock_);
   return job_container_ ? job_container_ : GetDefaultJobScheduler();

@@ -68,6 +68,8 @@ class ORVAN_NET_EXPORT KmzCache {
   void SetKmzTmpDir(const QString& dir);
   // Full name of the next temporary file. Numbers start at 0 in each process.
   QString GenerateNextKmzName();
+  // Removes a temporary file, unless its directory is another user's: no copy of ours is there.
+  static void RemoveCopy(const QString& name);
 
   // Where entries post their jobs: the default scheduler unless overridden. Must run them on the main thread.
   IJobContainer* GetJobContainer();

@@ -123,7 +123,7 @@ KmzCacheEntry::~KmzCacheEntry() {
   DropReclaimableJobLocked();
   DropWriterLocked();
   ReplaceBytesLocked(QByteArray());
-  if (!is_local_) QFile(file_name_).remove();
+  if (!is_local_) KmzCache::RemoveCopy(file_name_);
 }
 
 bool KmzCacheEntry::NeedsFetch(bool has_date) const {

@@ -100,17 +100,6 @@ TEST_F(AsyncWriterTest, GivesWayBetweenSlicesAndShowsNothingHalfDone) {
   EXPECT_EQ(Names(folder_.path()), QStringList(QStringLiteral("qxTemp_1.kmz")));
 }
 
-TEST_F(AsyncWriterTest, ReplacesAPlantedLinkAndLeavesAloneWhatItLeadsTo) {
-  const QString victim = Path(QStringLiteral("victim"));
-  const QString path = Path(QStringLiteral("qxTemp_1.kmz"));
-  ASSERT_EQ(Run(Make(victim, "precious")), AbstractJob::kFinished);
-  ASSERT_TRUE(QFile::link(victim, path));
-  EXPECT_EQ(Run(Make(path, "bytes")), AbstractJob::kFinished);
-  EXPECT_EQ(Read(victim), "precious");
-  EXPECT_EQ(Read(path), "bytes");
-  EXPECT_FALSE(QFileInfo(path).isSymLink());
-}
-
 TEST_F(AsyncWriterTest, AFailureIsToldAndLeavesEverythingAsItWas) {
   const QString file = Path(QStringLiteral("file"));
   ASSERT_EQ(Run(Make(file, "old")), AbstractJob::kFinished);
