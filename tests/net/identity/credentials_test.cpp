@@ -390,10 +390,12 @@ TEST(ChallengeTest, NothingOnTheMainThreadWaitsForAnOpenPrompt) {
       return Answer();
     });
     PromptBridge::Reply kept;
-    auto bridge = std::make_unique<PromptBridge>([&](const QString&, const PromptBridge::Reply& reply) {
+    std::unique_ptr<PromptBridge> bridge;
+    bridge = std::make_unique<PromptBridge>([&](const QString&, const PromptBridge::Reply& reply) {
       be_busy();
       if (round % 4 == 1) reply({true, "u", "p", false});
       kept = reply;
+      if (round % 8 == 7) bridge.reset();
       shown.Open();
     });
     if (round % 2 != 0) HttpConnectionFactory::SetUsernamePasswordQueryHandler(bridge.get());
@@ -402,6 +404,7 @@ TEST(ChallengeTest, NothingOnTheMainThreadWaitsForAnOpenPrompt) {
     if (round % 2 == 0) be_busy();
     busy_over.Open();
     bridge.reset();  // with a worker inside that still waits for it, if that has had no answer
+    EXPECT_EQ(HttpConnectionFactory::GetUsernamePasswordQueryHandler() == nullptr, round % 2 != 0);
     ASSERT_TRUE(server.WaitForNoConnection());
     for (const FetchProbe& probe : probes) EXPECT_EQ(probe.calls, 0);
   }

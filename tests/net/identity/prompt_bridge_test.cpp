@@ -6,7 +6,6 @@
 #include <thread>
 #include <vector>
 
-#include "orvan/net/http/http_connection_factory.h"
 #include "tests/support/wait.h"
 
 namespace orvan::net {
@@ -96,22 +95,6 @@ TEST(PromptBridgeTest, TriesInARowAreLimitedAndRefusalsRemembered) {
     given = true;
     expect("and is left alone", 29, false);
   });
-}
-
-TEST(PromptBridgeTest, MayGoWhileAWorkerAsksAndFromWithinItsPrompt) {
-  for (int round = 0; round < 200; ++round) {
-    PromptBridge::Reply kept;
-    std::unique_ptr<PromptBridge> bridge;
-    bridge = std::make_unique<PromptBridge>([&](const QString&, const PromptBridge::Reply& reply) {
-      kept = reply;
-      if (round % 2 == 0) bridge.reset();
-    });
-    HttpConnectionFactory::SetUsernamePasswordQueryHandler(bridge.get());
-    const Worker worker([&bridge = *bridge] { EXPECT_EQ(AskOnce(bridge, "a"), "declined"); });
-    ASSERT_TRUE(PumpUntil([&] { return kept != nullptr; }));
-    bridge.reset();
-    EXPECT_EQ(HttpConnectionFactory::GetUsernamePasswordQueryHandler(), nullptr);
-  }
 }
 
 }  // namespace
