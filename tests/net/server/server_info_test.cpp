@@ -28,6 +28,7 @@ TEST(ServerInfoTest, ReadsAServerFromAUrl) {
   EXPECT_EQ(ServerInfo("https://example.test:8443/a?b"), ServerInfo("example.test", 8443, true));
   EXPECT_EQ(ServerInfo("http://b%C3%BC.de/"), ServerInfo("b\u00FC.de", 80, false))
       << "the host is kept decoded";
+  EXPECT_EQ(ServerInfo("h", 0, true), ServerInfo("h", 443, true)) << "port 0 is none";
   ServerInfo server("h", 81, true);
   server.SetServerInfo("ftp://other");
   EXPECT_EQ(server, ServerInfo("h", 81, true)) << "an unsupported URL changes nothing";
