@@ -122,37 +122,6 @@ TEST_F(FetcherTest, BringsBytesHeadersAndDateOfAnHttpDocument) {
   EXPECT_EQ(request.Header("If-Modified-Since"), "Sat, 05 Nov 1994 08:49:37 GMT");
 }
 
-TEST_F(FetcherTest, TellsEachAnswerOfAServerByItsCode) {
-  const struct {
-    const char* says;
-    int status;
-    const char* body;
-    FetchState state;
-    const char* bytes;
-  } cases[] = {
-      {"an empty body is a success without bytes, not an empty file", 200, "", kFetchSuccess, ""},
-      {"every other 2xx is a success", 203, "x", kFetchSuccess, "x"},
-      {"what Qt takes for a success is one", 204, "", kFetchSuccess, ""},
-      {"also a 304 that nobody asked for", 304, "", kFetchSuccess, ""},
-      {"an error is its code, and its page is thrown away", 404, "page", 404, ""},
-      {"a media type that the server refuses", 415, "", kFetchUnexpectedType, ""},
-      {"a code outside the known range", 418, "", kFetchInvalidRequest, ""},
-      {"a challenge that nobody answers", 401, "", 401, ""},
-  };
-  for (const auto& row : cases) {
-    SCOPED_TRACE(row.says);
-    server_.On("/x", test::Reply(row.status, {}, row.body));
-    FetchProbe probe;
-    Run(probe, server_.Url("/x"));
-    EXPECT_EQ(probe.state, row.state);
-    EXPECT_EQ(probe.bytes, row.bytes);
-  }
-  test::RefusingPort nobody;
-  FetchProbe refused;
-  Run(refused, nobody.Url());
-  EXPECT_EQ(refused.state, kFetchNoConnection);
-}
-
 TEST_F(FetcherTest, AStalledOrDrippingServerHoldsUpNobodyElse) {
   const Gate release;
   LoopbackServer other;
@@ -351,15 +320,6 @@ TEST_F(FetcherTest, SurvivesWhatItsCallbackDoesToIt) {
     test::PumpFor(5);
     EXPECT_EQ(probe.calls, 1);
   }
-}
-
-TEST_F(FetcherTest, ReachesItsStateWithoutACallback) {
-  Fetcher::FetchParams params;
-  params.url = WriteFile("a.txt", "a");
-  const RefPtr<Fetcher> fetcher = Fetcher::fetch(params, nullptr);
-  EXPECT_EQ(fetcher->GetState(), kFetchFetching);
-  ASSERT_TRUE(PumpUntil([&] { return fetcher->GetState() == kFetchSuccess; }));
-  EXPECT_EQ(fetcher->getRefCount(), 1);
 }
 
 TEST_F(FetcherTest, IsSilentAfterStopInEveryPhase) {

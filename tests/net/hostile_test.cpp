@@ -52,6 +52,7 @@ Script Raw(std::string bytes) { return Script().Send(std::move(bytes)); }
 Script Head(const std::string& lines, const std::string& body = {}) {
   return Raw("HTTP/1.1 200 OK\r\n" + lines + "\r\n" + body).Close();
 }
+Script Status(const std::string& rest) { return Raw("HTTP/1.1 " + rest + "\r\n\r\nbody").Close(); }
 Script Length(const std::string& length, const std::string& body = "body") {
   return Head("Content-Length: " + length + "\r\n", body);
 }
@@ -118,7 +119,7 @@ class HostileTest : public ::testing::Test {
       probe.fetcher->Stop();
     } else {
       EXPECT_TRUE(PumpUntil([&] { return probe.calls > 0; }));
-      const bool nothing = row.or_nothing && probe.bytes.isEmpty();
+      const bool nothing = row.or_nothing && probe.bytes.isEmpty() && hook.word == kStatusOk;
       EXPECT_EQ(hook.word, nothing ? kStatusOk : row.end.word);
       EXPECT_EQ(probe.state, nothing ? kFetchSuccess : row.end.state);
       EXPECT_TRUE(nothing || probe.bytes == row.bytes)
@@ -156,9 +157,6 @@ TEST_F(HostileTest, KeepAlive) {
       {"304 with a body", Raw("HTTP/1.1 304 No\r\nContent-Length: 4\r\n\r\nbody")},
       {"304 with an answer", Raw("HTTP/1.1 304 No\r\n\r\n" + Response(200, {}, "one"))},
       {"length one short", Raw("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nbody")},
-      {"chunks and more",
-       Raw("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbody\r\n0\r\n\r\nHTTP/1.1 200 "
-           "OK\r\nContent-Length: 3\r\n\r\none")},
   };
   for (const auto& [says, first] : firsts) {
     SCOPED_TRACE(says);
@@ -192,14 +190,14 @@ TEST_F(HostileTest, Heads) {
       {"HTTP/1.0", Raw("HTTP/1.0 200 OK\r\n\r\nbody").Close(), kFine, "body"},
       {"an unknown version", Raw("HTTP/7.7 200 OK\r\n\r\nbody").Close(), kFine, "body"},
       {"an unreadable version", Raw("HTTP/x.y 200 OK\r\n\r\nbody").Close(), kNoExchange},
-      {"no reason", Raw("HTTP/1.1 200\r\n\r\nbody").Close(), kFine, "body"},
+      {"no reason", Status("200"), kFine, "body"},
       {"no blank behind the version", Raw("HTTP/1.1200 OK\r\n\r\nbody").Close(), kNoExchange},
-      {"a code of two digits", Raw("HTTP/1.1 20 OK\r\n\r\nbody").Close(), kFine, "body"},
-      {"a code of four digits", Raw("HTTP/1.1 2000 OK\r\n\r\nbody").Close(), kUnmapped},
-      {"a negative code", Raw("HTTP/1.1 -20 OK\r\n\r\nbody").Close(), kFine, "body"},
-      {"code 0", Raw("HTTP/1.1 000 OK\r\n\r\nbody").Close(), kFine, "body"},
-      {"code 999", Raw("HTTP/1.1 999 OK\r\n\r\nbody").Close(), kUnmapped},
-      {"words in place of the code", Raw("HTTP/1.1 abc OK\r\n\r\nbody").Close(), kNoExchange},
+      {"a code of two digits", Status("20 OK"), kFine, "body"},
+      {"a code of four digits", Status("2000 OK"), kUnmapped},
+      {"a negative code", Status("-20 OK"), kFine, "body"},
+      {"code 0", Status("000 OK"), kFine, "body"},
+      {"code 999", Status("999 OK"), kUnmapped},
+      {"words in place of the code", Status("abc OK"), kNoExchange},
       {"empty lines in front", Raw("\r\n\r\n" + ok).Close(), kFine, "body"},
       {"line feeds alone", Raw("HTTP/1.1 200 OK\nContent-Length: 4\n\nbody").Close(), kFine, "body"},
       {"a line without a colon", Head("nonsense\r\n", "body"), kFine, "body"},
@@ -223,6 +221,8 @@ TEST_F(HostileTest, Heads) {
 
 TEST_F(HostileTest, Bodies) {
   const QByteArray packed = QByteArray::fromHex("1f8b08000000000002ff2b484cce4e4d010010b4f62106000000");
+  HeaderList cookies;
+  for (int n = 0; n < 5000; ++n) cookies.emplace_back("Set-Cookie", "a" + std::to_string(n) + "=b");
   Run({
       {"one byte more than announced", Length("3"), kFine, "bod"},
       {"one byte less than announced", Length("5"), kFine, "body", true},
@@ -279,9 +279,12 @@ TEST_F(HostileTest, Bodies) {
       {"Set-Cookie for others",
        Head("Set-Cookie: a=b; Domain=elsewhere.test\r\nSet-Cookie: c=d; Domain=.test\r\n", "body"), kFine,
        "body"},
-      {"Set-Cookie of 1 MB",
-       Head("Set-Cookie: a=" + std::string(1 << 20, 'a') + "; Path=/nowhere\r\n", "body"), kFine, "body"},
+      {"Set-Cookie of 64 KB",
+       Head("Set-Cookie: a=" + std::string(1 << 16, 'a') + "; Path=/nowhere\r\n", "body"), kFine, "body"},
+      {"5,000 of them", Reply(200, cookies), kFine},
   });
+  EXPECT_TRUE(CookieJar::GetCookiesForUrl(QUrl("http://elsewhere.test/")).isEmpty());
+  CookieJar::ClearAllCookies();
 }
 
 TEST_F(HostileTest, Redirects) {
@@ -454,6 +457,7 @@ TEST_F(HostileTest, Ceiling) {
            Error(404)},
       },
       kCeiling);
+  EXPECT_EQ(heap.GetBytesInUse(), 0u);
   heap.SetCeiling(before);
 }
 
