@@ -5,18 +5,17 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/libsupport/file/zip_maker.h"
 
-static KmzCache* MakeCache() {
-  test::ZipMaker maker;
-  maker.Add("doc.kml", "<kml/>");
-  maker.Add("a/B.png", "png");
-  for (const char* url : {"http://h/a.kmz", "http://h/a.kmz/a", "http://h/m", "/x/a.kmz", "/x/m", "C:\\m"}) {
-    KmzCache::GetSingleton()->FindOrCreate(url)->OpenZFile(maker.Finish());
-  }
-  return KmzCache::GetSingleton();
-}
-
 void Fuzz(const QByteArray&, const QString& url) {
-  static const KmzCache* const cache = MakeCache();
+  static const KmzCache* const cache = [] {
+    test::ZipMaker maker;
+    maker.Add("doc.kml", "<kml/>");
+    maker.Add("a/B.png", "png");
+    for (const char* key :
+         {"http://h/a.kmz", "http://h/a.kmz/a", "http://h/m", "/x/a.kmz", "/x/m", "C:\\m"}) {
+      KmzCache::GetSingleton()->FindOrCreate(key)->OpenZFile(maker.Finish());
+    }
+    return KmzCache::GetSingleton();
+  }();
   // The slow way: a look-up for each separator, from the last one on.
   QString kmz_url, kmz_path, slow_url, slow_path;
   for (int i = url.size() - 1; i >= 0 && slow_url.isNull(); --i) {

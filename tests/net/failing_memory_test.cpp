@@ -82,8 +82,6 @@ TEST(FailingMemoryTest, EndsAnExchangeOnceAndLeavesNothing) {
       }
       EXPECT_EQ(domain.GetBytesInUse(), 0u);
       EXPECT_GT(refused, 0) << row.path;
-      RecordProperty(row.path + std::string(for_good ? "_from" : "_only") + std::to_string(row.method),
-                     std::to_string(number - 2) + " met, " + std::to_string(refused) + " failed");
     }
   }
 }

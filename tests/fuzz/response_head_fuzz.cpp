@@ -1,7 +1,8 @@
 #include "orvan/net/http/http_header_iterator.h"
+#include "orvan/net/http/http_status.h"
 #include "tests/fuzz/fuzz.h"
 
-void Fuzz(const QByteArray& input, const QString&) {
+void Fuzz(const QByteArray& input, const QString& text) {
   HttpHeaderIterator raw(input.begin(), input.end());
   QString header;
   int characters = 0, lines = 0;
@@ -20,4 +21,10 @@ void Fuzz(const QByteArray& input, const QString&) {
     FUZZ_CHECK(clean.NextHeader(&header) && header == QString::fromUtf8(line.constData(), line.size()));
   }
   FUZZ_CHECK(!clean.NextHeader(&header));
+
+  int code = -1, again = -1;
+  const bool read = ParseHttpStatusLine(text, &code);
+  FUZZ_CHECK(read ? text.startsWith("HTTP/1.1 ") && text.count(' ') >= 2 : code == 0);
+  FUZZ_CHECK(ParseHttpStatusLine(QStringLiteral("HTTP/1.1 %1 x").arg(code), &again) && again == code);
+  FUZZ_CHECK(code < 400 || InterpretHttpResponseCode(code) >> 30 == kStatusSeverityError);
 }
