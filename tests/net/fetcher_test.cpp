@@ -273,7 +273,12 @@ TEST_F(FetcherTest, AsksTheStoreBeforeTheNetworkAndAfterAFailure) {
   store.loads = 0;
   Run(refused, server_.Url("/refused"));
   EXPECT_EQ(refused.state, kFetchUnexpectedType);
-  EXPECT_EQ(store.loads, 0) << "a media type that was refused is none of the store's business";
+  FetchProbe unchanged;
+  unchanged.params.store = &store;
+  unchanged.params.if_modified_since = "Fri, 31 Dec 2100 23:59:59 GMT";
+  Run(unchanged, WriteFile("old.txt", "old"));
+  EXPECT_EQ(unchanged.state, kFetchNotModified);
+  EXPECT_EQ(store.loads, 0) << "neither is the business of the store";
 }
 
 // --- Life

@@ -17,6 +17,7 @@ TEST(HttpStatusTest, MapsCodesToWords) {
       {"200 alone is plain success", 200, 0},
       {"other successes keep their code without severity", 201, 0x000A00C9},
       {"redirects go up to 308", 308, 0x000A0134},
+      {"417 is the last of its kind", 417, 0xC00A01A1},
       {"418 loses its number", 418, 0xC0000001},
       {"the word for 415 is the one for an unacceptable type", 415, kStatusUnacceptableType},
   };
