@@ -27,6 +27,7 @@ using namespace test;
 
 constexpr qint64 kMiB = qint64{1} << 20;
 constexpr uint64_t kEndless = uint64_t{1} << 40;
+const std::string kChunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
 
 struct End {
   unsigned int word;
@@ -187,16 +188,13 @@ TEST_F(HostileTest, Heads) {
       {"a byte at a time", Script().Drip(ok, 1, 1), kFine, "body"},
       {"another protocol", Raw("SSH-2.0-server\r\n").Close(), kNoExchange},
       {"HTTP/0.9", Raw("<html>body</html>").Close(), kNoExchange},
-      {"HTTP/1.0", Raw("HTTP/1.0 200 OK\r\n\r\nbody").Close(), kFine, "body"},
       {"an unknown version", Raw("HTTP/7.7 200 OK\r\n\r\nbody").Close(), kFine, "body"},
       {"an unreadable version", Raw("HTTP/x.y 200 OK\r\n\r\nbody").Close(), kNoExchange},
       {"no reason", Status("200"), kFine, "body"},
       {"no blank behind the version", Raw("HTTP/1.1200 OK\r\n\r\nbody").Close(), kNoExchange},
-      {"a code of two digits", Status("20 OK"), kFine, "body"},
       {"a code of four digits", Status("2000 OK"), kUnmapped},
       {"a negative code", Status("-20 OK"), kFine, "body"},
       {"code 0", Status("000 OK"), kFine, "body"},
-      {"code 999", Status("999 OK"), kUnmapped},
       {"words in place of the code", Status("abc OK"), kNoExchange},
       {"empty lines in front", Raw("\r\n\r\n" + ok).Close(), kFine, "body"},
       {"line feeds alone", Raw("HTTP/1.1 200 OK\nContent-Length: 4\n\nbody").Close(), kFine, "body"},
@@ -222,23 +220,17 @@ TEST_F(HostileTest, Heads) {
 TEST_F(HostileTest, Bodies) {
   const QByteArray packed = QByteArray::fromHex("1f8b08000000000002ff2b484cce4e4d010010b4f62106000000");
   HeaderList cookies;
-  for (int n = 0; n < 5000; ++n) cookies.emplace_back("Set-Cookie", "a" + std::to_string(n) + "=b");
+  for (int n = 0; n < 500; ++n) cookies.emplace_back("Set-Cookie", "a" + std::to_string(n) + "=b");
   Run({
       {"one byte more than announced", Length("3"), kFine, "bod"},
       {"one byte less than announced", Length("5"), kFine, "body", true},
-      {"one byte less, then silence", Raw("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nbody").Silent(),
-       kHangs},
+      {"then silence", Raw("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nbody").Silent(), kHangs},
       {"one byte less, then a reset", CutBody("body", 5, true), kFine, "body", true},
-      {"the same length twice", Head("Content-Length: 4\r\nContent-Length: 4\r\n", "body"), kFine, "body"},
       {"two lengths", Head("Content-Length: 2\r\nContent-Length: 4\r\n", "body"), kFine, "bo"},
-      {"two lengths, the shorter last", Head("Content-Length: 4\r\nContent-Length: 2\r\n", "body"), kFine,
-       "body"},
+      {"the shorter last", Head("Content-Length: 4\r\nContent-Length: 2\r\n", "body"), kFine, "body"},
       {"a negative length", Length("-1"), kFine, "body"},
-      {"a very negative length", Length("-9223372036854775808"), kFine, "body"},
       {"no number", Length("many"), kFine, "body"},
-      {"no length in the line", Length(""), kFine, "body"},
       {"a sign", Length("+4"), kFine, "body"},
-      {"hex", Length("0x4"), kFine, "body"},
       {"2 to the 63rd less 1", Length("9223372036854775807"), kNoMemory, "", true},
       {"2 to the 64th and 4", Length("18446744073709551620"), kFine, "body", true},
       {"length and chunks",
@@ -255,13 +247,9 @@ TEST_F(HostileTest, Bodies) {
       {"a negative chunk size", Chunks("-4\r\nbody\r\n0\r\n\r\n"), kFine, "body", true},
       {"a chunk of 2 to the 63rd less 1", Chunks("7FFFFFFFFFFFFFFF\r\nbody"), kFine, "body", true},
       {"a chunk of 2 to the 64th less 1", Chunks("FFFFFFFFFFFFFFFF\r\nbody"), kFine, "body", true},
-      {"a chunk size without an end",
-       Raw("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n").Endless(1 << 16).Silent(), kHangs},
-      {"trailers without an end",
-       Raw("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbody\r\n0\r\nX: ")
-           .Endless(1 << 16)
-           .Silent(),
-       kFine, "body"},
+      {"a chunk size without an end", Raw(kChunked).Endless(1 << 16).Silent(), kHangs},
+      {"trailers without an end", Raw(kChunked + "4\r\nbody\r\n0\r\nX: ").Endless(1 << 16).Silent(), kFine,
+       "body"},
       {"204 with a body", Raw("HTTP/1.1 204 No\r\nContent-Length: 4\r\n\r\nbody").Close(), kFine},
       {"304 with a body", Raw("HTTP/1.1 304 No\r\nContent-Length: 4\r\n\r\nbody").Close(), kFine},
       {"205 with a body", Raw("HTTP/1.1 205 No\r\nContent-Length: 4\r\n\r\nbody").Close(), kFine, "body"},
@@ -281,7 +269,7 @@ TEST_F(HostileTest, Bodies) {
        "body"},
       {"Set-Cookie of 64 KB",
        Head("Set-Cookie: a=" + std::string(1 << 16, 'a') + "; Path=/nowhere\r\n", "body"), kFine, "body"},
-      {"5,000 of them", Reply(200, cookies), kFine},
+      {"500 of them", Reply(200, cookies), kFine},
   });
   EXPECT_TRUE(CookieJar::GetCookiesForUrl(QUrl("http://elsewhere.test/")).isEmpty());
   CookieJar::ClearAllCookies();
@@ -331,6 +319,7 @@ TEST_F(HostileTest, Redirects) {
       {"javascript", To("javascript:alert(1)"), kNoExchange},
       {"to an address of 1 MB", RedirectTo(other.Origin() + "/" + std::string(1 << 20, 'a')), kFine, "other"},
   });
+  RunOne({"no server at all", Script(), kNoExchange}, RefusingPort().Url());
   RunOne({"ten", Script(), kFine, "end"}, server_.Url(server_.AddRedirects("/ten", 10, Ok("end"))));
   RunOne({"eleven", Script(), kFine}, server_.Url(server_.AddRedirects("/eleven", 11, Ok("end"))));
 }
@@ -445,11 +434,7 @@ TEST_F(HostileTest, Ceiling) {
           {"an endless body, announced", LargeBody(kEndless), kNoMemory},
           {"an endless body, announced below 2 GiB", LargeBody(2000000000), kNoMemory},
           {"an endless body", Raw("HTTP/1.1 200 OK\r\n\r\n").Endless(kEndless), kNoMemory},
-          {"a chunk without an end",
-           Raw("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n7FFFFFFF\r\n")
-               .Endless(24 * kMiB)
-               .Silent(),
-           kNoMemory},
+          {"a chunk without an end", Raw(kChunked + "7FFFFFFF\r\n").Endless(24 * kMiB).Silent(), kNoMemory},
           {"a bomb", Reply(200, {{"Content-Encoding", "deflate"}}, bomb), kNoMemory},
           {"a bomb in a page", Reply(404, {{"Content-Encoding", "deflate"}}, bomb), Error(404)},
           {"a bomb in a redirect",

@@ -5,8 +5,6 @@
 #include <atomic>
 #include <memory>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "tests/net/http/bare_connection.h"
 #include "tests/support/scripted_transport.h"
@@ -68,24 +66,6 @@ TEST_F(HttpConnectionTest, DeliversByPriorityWhatPilesUpBehindACallback) {
   receiver.let_go.Open();
   ASSERT_TRUE(SpinUntil(NoneAlive));
   EXPECT_EQ(receiver.delivered, "first urgent plain plain too late");
-}
-
-// Only the first request of a pile wakes the callback thread. None may be forgotten for that.
-TEST_F(HttpConnectionTest, DeliversEverythingThatSeveralThreadsComplete) {
-  constexpr int kThreads = 4;
-  constexpr int kEach = 500;
-  BareConnection connection;
-  Receiver receiver;
-  receiver.let_go.Open();
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&] {
-      for (int k = 0; k < kEach; ++k) Complete(&connection, "/", &receiver);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_TRUE(SpinUntil(NoneAlive));
-  EXPECT_EQ(receiver.delivered.size(), size_t{kThreads * kEach});
 }
 
 TEST_F(HttpConnectionTest, AnUnacceptableTypeHidesTheStatus) {
