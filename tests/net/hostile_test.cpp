@@ -153,7 +153,6 @@ TEST_F(HostileTest, KeepAlive) {
       {"103 and 200", Raw("HTTP/1.1 103 Early\r\n\r\n" + Response(200, {}, "one"))},
       {"101 and 200", Raw("HTTP/1.1 101 Switch\r\n\r\n" + Response(200, {}, "one"))},
       {"kept and dropped", Ok("one").Close()},
-      {"kept and reset", Ok("one").Reset()},
       {"204 with a body", Raw("HTTP/1.1 204 No\r\nContent-Length: 4\r\n\r\nbody")},
       {"304 with a body", Raw("HTTP/1.1 304 No\r\nContent-Length: 4\r\n\r\nbody")},
       {"304 with an answer", Raw("HTTP/1.1 304 No\r\n\r\n" + Response(200, {}, "one"))},
