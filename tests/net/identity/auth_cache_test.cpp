@@ -31,6 +31,9 @@ TEST(AuthCacheTest, ARealmGoesBeforeItsHostAndTakesItAlong) {
   cache->ClearAuthInfo({"h", "unknown"});
   EXPECT_EQ(Find(*cache, "h", "other"), kNobody) << "any realm takes the entry of its host along";
   EXPECT_EQ(Find(*cache, "h", "r"), kAlice);
+  cache->SetHostAuthInfo("h", kBob.first, kBob.second);
+  cache->Clear();
+  for (const char* realm : {"r", "other"}) EXPECT_EQ(Find(*cache, "h", realm), kNobody);
 }
 
 TEST(AuthCacheTest, ReadsTheRealmOfAHeader) {
