@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Seeds faults: makes each mistake of faults.toml in a copy of the committed tree, builds, and runs the tests.
 
-    tests/faults/run.py                              all of them: about an hour on two cores
+    tests/faults/run.py                              all of them: about an hour on two busy cores
     tests/faults/run.py --scratch DIR purge-by-age   one of them, in a copy and a build that stay for the next time
 
 A fault that no test notices has survived: the tests that it names are run first, and all only if those are green.
