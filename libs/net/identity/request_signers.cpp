@@ -42,7 +42,7 @@ class SignerList {
 };
 
 QUrl WithoutPort(QUrl url) {
-  url.setPort(-1);
+  if (url.port() != -1) url.setPort(-1);  // setting it at all would turn a text that is no URL into one
   return url;
 }
 
