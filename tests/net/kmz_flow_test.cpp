@@ -122,6 +122,23 @@ TEST_F(KmzFlowTest, AsksAgainIfItMust) {
   EXPECT_EQ(again.bytes, "new") << "and is asked for by the next fetch";
 }
 
+TEST_F(KmzFlowTest, SplitsReferencesToArchivesThatItHasNot) {
+  cache().FindOrCreate("http://h/other");
+  const std::pair<const char*, const char*> rows[] = {
+      {"http://h/a.kmzz/b", "|"},
+      {".kmz\\a:b", "|"},
+      {"http://h/a.KmZ\\b/c.kmz", "http://h/a.KmZ|b/c.kmz"},
+      {"http://h/a%2Ekmz/b%20c", "http://h/a.kmz|b c"},
+      {"http://h/a%3Fb.kmz/c", "http://h/a?b.kmz|c"},
+      {"http://one%2F@two/a.kmz/c", "http://one/@two/a.kmz|c"},
+  };
+  for (const auto& [url, parts] : rows) {
+    QString kmz_url = "-", kmz_path = "-";
+    EXPECT_FALSE(Fetcher::FindInKmz(url, kmz_url, kmz_path));
+    EXPECT_EQ(kmz_url + "|" + kmz_path, parts) << url;
+  }
+}
+
 TEST_F(KmzFlowTest, IsSilentAfterStopInEveryPhaseOfAnExtraction) {
   Fetcher::SetWorkerThread(&worker_);
   const test::Gate free;
