@@ -1,5 +1,6 @@
 #include "tools/orvan_fetch/ask.h"
 
+#include <pthread.h>
 #include <signal.h>
 #include <termios.h>
 #include <unistd.h>
@@ -46,6 +47,27 @@ constexpr char kPasswordPrompt[] = "Password: ";
 termios g_echoing, g_silent;
 struct sigaction g_earlier[std::size(kSignals)];
 volatile sig_atomic_t g_is_silent = 0;
+pthread_t g_main_thread;
+
+sigset_t AllSignals() {
+  sigset_t all;
+  sigemptyset(&all);
+  for (const int number : kSignals) sigaddset(&all, number);
+  return all;
+}
+
+// Keeps them from the main thread, where they are handled, while their handling changes.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    const sigset_t all = AllSignals();
+    pthread_sigmask(SIG_BLOCK, &all, &before_);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_;
+};
 
 void SetSignals(void (*handler)(int)) {
   for (size_t i = 0; i < std::size(kSignals); ++i) {
@@ -55,6 +77,7 @@ void SetSignals(void (*handler)(int)) {
     }
     struct sigaction action = {};
     action.sa_handler = handler;
+    action.sa_mask = AllSignals();  // one at a time
     sigaction(kSignals[i], &action, &g_earlier[i]);
     if (g_earlier[i].sa_handler == SIG_IGN)
       sigaction(kSignals[i], &g_earlier[i], nullptr);  // as nohup wants it
@@ -64,6 +87,13 @@ void SetSignals(void (*handler)(int)) {
 // Nothing but what a signal handler may call.
 void OnSignal(int number) {
   const int saved_errno = errno;
+  // While the main thread handles one, the next goes to another thread, which must not do so at the same
+  // time.
+  if (!pthread_equal(pthread_self(), g_main_thread)) {
+    pthread_kill(g_main_thread, number);
+    errno = saved_errno;
+    return;
+  }
   tcsetattr(STDIN_FILENO, TCSANOW, &g_echoing);
   SetSignals(nullptr);
   g_is_silent = 0;
@@ -85,6 +115,8 @@ bool Silence() {
   if (tcgetattr(STDIN_FILENO, &g_echoing) != 0) return false;
   g_silent = g_echoing;
   g_silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+  const SignalsBlocked blocked;
+  g_main_thread = pthread_self();
   SetSignals(OnSignal);
   g_is_silent = 1;
   // What was typed ahead goes: it was typed with an echo.
@@ -92,6 +124,7 @@ bool Silence() {
 }
 
 void EndSilence() {
+  const SignalsBlocked blocked;
   if (!g_is_silent) return;
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_echoing);
   g_is_silent = 0;
@@ -175,8 +208,9 @@ void Ask::AskOnTerminal(const QString& prompt, const Reply& reply) {
 void Ask::ReadTerminal() {
   char bytes[1024];
   const ssize_t count = read(STDIN_FILENO, bytes, sizeof bytes);
-  if (count < 0) return;                    // a signal
-  if (count == 0) return Finish(Answer());  // Ctrl-D
+  if (count < 0 && (errno == EINTR || errno == EAGAIN)) return;
+  // Ctrl-D; or a terminal that is not ours any more, which would be found readable for ever.
+  if (count <= 0) return Finish(Answer());
   line_.append(bytes, static_cast<int>(count));
   if (line_.endsWith('\n')) TakeLine();
 }
