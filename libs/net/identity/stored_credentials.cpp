@@ -109,7 +109,9 @@ class KeychainQuestion::Thread : public QObject {
       question->Answer(success && verb == question->verb_, text);
       StartNext();
     });
-    job->start();
+    // What start() does, without the event that it posts: were that lost for want of an application object,
+    // no question would be answered any more.
+    if (!QMetaObject::invokeMethod(job, "doStart", Qt::DirectConnection)) job->start();
   }
 
   std::shared_ptr<KeychainQuestion> current_;  // this thread only; null if nothing is being asked
