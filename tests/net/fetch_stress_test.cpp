@@ -57,6 +57,7 @@ class Servers {
       server.On("/cut", test::CutBody("abc", 100));
       server.On("/moved", test::RedirectTo(server.Origin() + "/ok"));
       server.On("/silent", test::Script().Silent());
+      server.On("/long", test::Reply(200, {}, std::string(3 << 20, 'x')));
       server.On("/a.kmz", test::Ok(archive.Finish().toStdString()));
     }
   }
@@ -151,10 +152,12 @@ struct Hand {
     const ServerInfo server(servers.Url(Roll(100), "/"));
     HttpConnection* const connection =
         HttpConnectionFactory::CreateHttpConnection(&server, nullptr, 15, 15, 4, 0, 0, 0);
-    HttpRequest* const request = connection->CreateRequest(kHttpGet, "/ok", nullptr);
+    const char* const paths[] = {"/ok", "/long", "/silent"};
+    HttpRequest* const request = connection->CreateRequest(kHttpGet, paths[Roll(std::size(paths))], nullptr);
     const auto set = std::make_shared<RequestSet>();
     set->AddPendingRequest(request);
     EXPECT_EQ(connection->EnqueueRequest(request, [=] { Called(two); }), kStatusOk);
+    if (Roll(3) == 0) set->CancelAllRequests();  // while the worker sends it
     own = [=, manager = manager, cancel = Roll(2) == 0]() mutable {
       if (cancel) set->CancelAllRequests();
       DisposeConnection(connection);
