@@ -1,6 +1,7 @@
 #include "orvan/net/http/request_set.h"
 
 #include <boost/unordered_set.hpp>
+#include <functional>
 
 #include "orvan/net/http/http_request.h"
 #include "orvan/support/memory/hash.h"
@@ -21,9 +22,13 @@ void RequestSet::AddPendingRequest(HttpRequest* request) {
 }
 
 void RequestSet::RemovePendingRequest(HttpRequest* request) {
-  const RefPtr<HttpRequest> dropped(request);  // behind the guard: the set's reference may be the last one
+  RefPtr<HttpRequest> dropped;  // behind the guard: the set's reference may be the last one
   SpinLockGuard guard(lock_);
-  requests_->set.erase(dropped);
+  // By address alone: a request that is not in the set may have died.
+  const auto found = requests_->set.find(request, StlHashAdapter<HttpRequest*>(), std::equal_to<>());
+  if (found == requests_->set.end()) return;
+  dropped = *found;
+  requests_->set.erase(found);
 }
 
 RefPtr<HttpRequest> RequestSet::PopOneRequest() {

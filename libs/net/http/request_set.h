@@ -23,7 +23,7 @@ class ORVAN_NET_EXPORT RequestSet {
 
   // A request that is in the set already stays there once.
   void AddPendingRequest(HttpRequest* request);
-  // An absent request is no error.
+  // An absent request is no error, not even one that has died.
   void RemovePendingRequest(HttpRequest* request);
   // Removes some request, whichever comes first; null if there is none.
   RefPtr<HttpRequest> PopOneRequest();

@@ -33,6 +33,9 @@ TEST(RequestSetTest, CancelsFirstAndDetachesSecond) {
   EXPECT_EQ(request->getRefCount(), 2) << "once";
   for (int times = 0; times < 2; ++times) set.RemovePendingRequest(other);
   EXPECT_EQ(other->getRefCount(), 1) << "given back once";
+  auto* const gone = new EndingRequest;
+  gone->unref();
+  set.RemovePendingRequest(gone);
   request->meanwhile = [&] { set.AddPendingRequest(late); };
   set.CancelAllRequests();
   EXPECT_EQ(callback.count, 2) << "what came meanwhile is cancelled too, what was removed is not";
