@@ -4,6 +4,15 @@
 
 namespace orvan::net {
 
+namespace {
+
+// Bytes of somebody else (fromRawData()) may go, or change, while the request waits for a connection.
+QByteArray WithOwnBytes(const QByteArray& bytes) {
+  return bytes.capacity() == 0 ? QByteArray(bytes.constData(), bytes.size()) : bytes;
+}
+
+}  // namespace
+
 NetworkRequest::Callback::~Callback() = default;
 
 NetworkRequest::Info::Info(HttpMethod method, const QByteArray& post_data, const QString& url,
@@ -15,7 +24,7 @@ NetworkRequest::Info::Info(HttpMethod method, const QByteArray& post_data, const
       user_data_(user_data),
       use_cache_(use_cache),
       method_(method),
-      post_data_(post_data),
+      post_data_(WithOwnBytes(post_data)),
       default_headers_(default_headers),
       owner_(std::move(owner)) {}
 

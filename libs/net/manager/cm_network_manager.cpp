@@ -30,7 +30,7 @@ class CmNetworkManagerCallback : public AtomicReferent {
                            bool keep_response_headers)
       : callback_(std::move(callback)), id_(id), keep_response_headers_(keep_response_headers) {}
 
-  const AbstractNetworkManager::ResponseCallback callback_;
+  AbstractNetworkManager::ResponseCallback callback_;  // empty when it has returned
   const unsigned int id_;
   const bool keep_response_headers_;
   // Both under the lock of the table.
@@ -62,6 +62,8 @@ struct CmNetworkManager::Requests {
       entry->over_ = true;
     }
     static_cast<void>(Take(entry->id_));
+    // What it holds goes now, and does not stay with an entry that comes too late. Last: the manager may go.
+    entry->callback_ = nullptr;
   }
 
   // Takes the entry out. Null if there is none, or nothing left to cancel.

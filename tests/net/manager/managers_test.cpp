@@ -62,14 +62,16 @@ struct Inbox {
   const std::shared_ptr<int> token = std::make_shared<int>();
 };
 
-// Notes the cache options, which no transport here heeds.
+// Notes the body, and the cache options, which no transport here heeds.
 struct SendWatch : HttpConnection::RequestCallbacks {
   bool PreSendRequest(HttpConnection*, HttpRequest* request) override {
     cache = QString("%1 %2").arg(request->GetCacheRead()).arg(request->GetCacheWrite());
+    body = request->GetRequestBuffer() ? request->GetRequestBuffer()->ToQByteArray() : QByteArray();
     return true;
   }
   bool PreCompleteRequest(HttpConnection*, HttpRequest*) override { return true; }
   QString cache;
+  QByteArray body;
 };
 
 TEST(ManagersTest, AServerSeesTheOptions) {
@@ -236,6 +238,29 @@ TEST(CmNetworkManagerTest, CancelBeforeTheLimitLetsItStartAndFiftyInFlightGoUnhe
     PumpPending();
     EXPECT_EQ(inbox.Count() + inbox.Held() + transport.alive + transport.requests_alive, 4);
   }
+}
+
+TEST(CmNetworkManagerTest, KeepsNothingThatIsLent) {
+  ScriptedTransport transport;
+  Inbox inbox;
+  SendWatch watch;
+  const auto manager = MakeManager(kDirect);
+  const auto idle = [&] { return transport.CompleteAll(), transport.requests_alive == 0; };
+  transport.AnswerAll({});
+  for (size_t server = 0; server < 4; ++server) manager->Get(UrlOf(server), inbox.Callable());
+  ASSERT_TRUE(PumpUntil(idle));
+  transport.destroy_hook = [&](auto&) { EXPECT_TRUE(SpinUntil([&] { return inbox.Held() == 0; })); };
+  manager->Get(UrlOf(4), inbox.Callable());  // ends a connection: meanwhile its answer comes
+  transport.destroy_hook = nullptr;
+  ASSERT_TRUE(PumpUntil(idle));
+
+  transport.HoldAll();
+  char body[] = "lent";
+  const RequestOptions lent{kHttpPut, {}, {}, QByteArray::fromRawData(body, 4), false, true, {}, 0};
+  for (size_t server = 5; server < 10; ++server) manager->Request(UrlOf(server), lent, inbox.Callable());
+  body[0] = '?';
+  ASSERT_TRUE(PumpUntil(idle));
+  EXPECT_EQ(watch.body, "lent") << "of the fifth, which waited";
 }
 
 // A callable on a thread of its own asks for more until the destructor, which waits for it, sends nothing.
