@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <type_traits>
 
 #include "orvan/net/export.h"
 
@@ -15,8 +16,9 @@ class ORVAN_NET_EXPORT DatabaseInfo {
   explicit DatabaseInfo(const QString& url);
   DatabaseInfo(const QString& url, bool second_flag);
   DatabaseInfo(const QString& url, const QString& label);
-  // For a label in quotation marks (UTF-8), which would count as a bool otherwise.
-  DatabaseInfo(const QString& url, const char* label) : DatabaseInfo(url, QString::fromUtf8(label)) {}
+  // For a label in quotation marks (UTF-8), which would count as a bool otherwise. The number 0 still does.
+  template <typename Char, typename = std::enable_if_t<std::is_same_v<std::remove_const_t<Char>, char>>>
+  DatabaseInfo(const QString& url, Char* label) : DatabaseInfo(url, QString::fromUtf8(label)) {}
 
   // Takes another URL, and makes everything but the label anew.
   void SetUrl(const QString& url);

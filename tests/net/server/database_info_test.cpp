@@ -26,6 +26,7 @@ TEST(DatabaseInfoTest, ReadsAndComparesUrls) {
   const DatabaseInfo info("host", "a");
   EXPECT_TRUE(info.compare(DatabaseInfo("http://host:80", QString("a"))));
   EXPECT_FALSE(info.compare(DatabaseInfo("host", "b")));
+  EXPECT_FALSE(DatabaseInfo("host", 0).second_flag()) << "no label";
 }
 
 }  // namespace
