@@ -37,14 +37,9 @@ TEST_F(HttpConnectionFactoryTest, TellsSecureHosts) {
   EXPECT_FALSE(secure("plain.maps.test"));
   EXPECT_TRUE(secure("splain.maps.test")) << "an exception gets no dot";
   EXPECT_FALSE(secure("elsewhere.test.")) << "an empty entry does not become a dot that matches";
-}
-
-TEST_F(HttpConnectionFactoryTest, ListsStayUntilShutdown) {
-  HttpConnectionFactory::SetInsecureHosts({"www.quorex.example"});
-  EXPECT_TRUE(HttpConnectionFactory::IsHostInSecureDomains("chart.quorex.example"));
-  EXPECT_FALSE(HttpConnectionFactory::IsHostInSecureDomains("www.quorex.example"));
   HttpConnectionFactory::shutdown();
-  EXPECT_FALSE(HttpConnectionFactory::IsHostInSecureDomains("chart.quorex.example"));
+  EXPECT_TRUE(secure("www.quorex.example")) << "the lists stay until then";
+  EXPECT_FALSE(secure("www.maps.test"));
 }
 
 TEST_F(HttpConnectionFactoryTest, UpgradesUrls) {
@@ -77,19 +72,14 @@ TEST_F(HttpConnectionFactoryTest, SwitchingHttpsOnIsMarkedOnce) {
 }
 
 TEST_F(HttpConnectionFactoryTest, ConnectionsMakeTheirUrlsWhenTheyAreAsked) {
-  const auto url = [](const char* host, bool secure, int port) {
-    return test::BareConnection(host, secure, port).MakeBaseUrlString();
-  };
-  EXPECT_EQ(url("www.quorex.example", false, 80), "http://www.quorex.example");
-  const test::BareConnection waiting("www.quorex.example");
+  const test::BareConnection waiting("www.quorex.example"), other("%1.example", true, 80);
+  EXPECT_EQ(waiting.MakeBaseUrlString(), "http://www.quorex.example");
   HttpConnectionFactory::UseSecureConnectionsForQuorex(true);
-  EXPECT_EQ(waiting.MakeBaseUrlString(), "https://www.quorex.example");
-  EXPECT_EQ(url("www.quorex.example", false, 8080), "http://www.quorex.example:8080");
-  EXPECT_EQ(url("host.example", false, 80), "http://host.example");
-  EXPECT_EQ(url("host.example", true, 80), "https://host.example:80");
-  EXPECT_EQ(url("%1.example", false, 8080), "http://%1.example:8080") << "a marker is not expanded";
-  const test::PlainRequest request("/a%2Fb?c=%25d");
-  EXPECT_EQ(waiting.MakeFullUrl(request).toEncoded(), "https://www.quorex.example/a%2Fb?c=%25d");
+  EXPECT_EQ(waiting.MakeFullUrl(test::PlainRequest("/a%2Fb?c=%25d")).toEncoded(),
+            "https://www.quorex.example/a%2Fb?c=%25d");
+  EXPECT_EQ(test::BareConnection("www.quorex.example", false, 8080).MakeBaseUrlString(),
+            "http://www.quorex.example:8080");
+  EXPECT_EQ(other.MakeBaseUrlString(), "https://%1.example:80") << "a marker is not expanded";
 }
 
 // Whoever takes the handler away may destroy it.

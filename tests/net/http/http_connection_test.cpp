@@ -70,16 +70,13 @@ TEST_F(HttpConnectionTest, DeliversByPriorityWhatPilesUpBehindACallback) {
 
 TEST_F(HttpConnectionTest, AnUnacceptableTypeHidesTheStatus) {
   ScriptedTransport transport;
-  for (const char* const header : {"Content-Type: image/png", "Server: x"}) {
-    transport.AnswerAll({kStatusNoConnection, "body", {header}});
-    const auto connection = Connect();
-    HttpRequest* const request = connection->CreateRequest(kHttpGet, "/", nullptr);
-    request->AddAcceptContentType("image/png");
-    EXPECT_EQ(connection->ProcessRequest(request),
-              header[0] == 'C' ? kStatusNoConnection : kStatusUnacceptableType);
-    EXPECT_TRUE(SpinUntil([&] { return request->getRefCount() == 1; }));
-    request->unref();
-  }
+  transport.AnswerAll({kStatusNoConnection, "body", {"Server: x"}});
+  const auto connection = Connect();
+  HttpRequest* const request = connection->CreateRequest(kHttpGet, "/", nullptr);
+  request->AddAcceptContentType("image/png");
+  EXPECT_EQ(connection->ProcessRequest(request), kStatusUnacceptableType);
+  EXPECT_TRUE(SpinUntil([&] { return request->getRefCount() == 1; }));
+  request->unref();
 }
 
 TEST_F(HttpConnectionTest, ARefusedRequestKeepsNoCallback) {
