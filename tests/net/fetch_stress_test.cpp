@@ -36,8 +36,7 @@
 namespace orvan::net {
 namespace {
 
-using test::LoopbackServer;
-using test::PumpUntil;
+using namespace test;
 
 int FromEnvironment(const char* name, int otherwise) {
   const char* const text = std::getenv(name);
@@ -48,17 +47,17 @@ int FromEnvironment(const char* name, int otherwise) {
 class Servers {
  public:
   explicit Servers(int count) {
-    test::ZipMaker archive;
+    ZipMaker archive;
     for (const char* name : {"doc.kml", "b.txt"}) archive.Add(name, "b");
     for (int i = 0; i < count; ++i) {
       LoopbackServer& server = *servers_.emplace_back(std::make_unique<LoopbackServer>());
-      server.On("/ok", test::Ok(std::string(300, 'x')));
-      server.On("/missing", test::Reply(404));
-      server.On("/cut", test::CutBody("abc", 100));
-      server.On("/moved", test::RedirectTo(server.Origin() + "/ok"));
-      server.On("/silent", test::Script().Silent());
-      server.On("/long", test::Reply(200, {}, std::string(3 << 20, 'x')));
-      server.On("/a.kmz", test::Ok(archive.Finish().toStdString()));
+      server.On("/ok", Ok(std::string(300, 'x')));
+      server.On("/missing", Reply(404));
+      server.On("/cut", CutBody("abc", 100));
+      server.On("/moved", RedirectTo(server.Origin() + "/ok"));
+      server.On("/silent", Script().Silent());
+      server.On("/long", Reply(200, {}, std::string(3 << 20, 'x')));
+      server.On("/a.kmz", Ok(archive.Finish().toStdString()));
     }
   }
   QString Url(unsigned server, const char* path) const {
@@ -186,19 +185,19 @@ struct Hand {
 };
 
 TEST(FetchStressTest, FourThreadsLoseAndDoubleNothing) {
-  const test::Watchdog watchdog(1800, "the stress of four threads");
+  const Watchdog watchdog(1800, "the stress of four threads");
   const int operations = FromEnvironment("ORVAN_STRESS_OPERATIONS", 8000);
   QTemporaryFile file;
   ASSERT_TRUE(file.open());
   const auto servers = std::make_unique<Servers>(6);
   Fetcher::GetKmzCache()->SetKmzTmpDir(file.fileName() + ".kmz");
   Init(QString(), QString());
-  test::FetchProbe probe;  // once, so that what the process keeps for good is there before the counting
+  FetchProbe probe;  // once, so that what the process keeps for good is there before the counting
   probe.Start(servers->Url(0, "/ok"));
   ASSERT_TRUE(PumpUntil([&] { return probe.calls > 0; }));
   Shutdown();
-  const int threads_before = test::CountThreads();
-  const int descriptors_before = test::CountDescriptors();
+  const int threads_before = CountThreads();
+  const int descriptors_before = CountDescriptors();
 
   Init(QString(), QString());
   WorkerThread worker("stress worker");
@@ -220,61 +219,61 @@ TEST(FetchStressTest, FourThreadsLoseAndDoubleNothing) {
     for (std::thread& thread : threads) thread.join();
     for (const Flight& flight : s_flights)
       EXPECT_TRUE(flight.ended || PumpUntil([&] { return flight.ended.load(); }));
-    test::PumpFor(20);  // a second callback of anything would come now
+    PumpFor(20);  // a second callback of anything would come now
     for (const Flight& flight : s_flights) EXPECT_LE(flight.calls, 1);
   }
   HttpOptions::mockHttpErrorChance() = 0;
   MemoryReclaimer::SetBudget(MemoryReclaimer::kDefaultBudget);
   Fetcher::SetWorkerThread(nullptr);
   Shutdown();
-  EXPECT_TRUE(PumpUntil([&] { return test::CountThreads() <= threads_before + 1; })) << "the worker";
-  EXPECT_TRUE(PumpUntil([&] { return test::CountDescriptors() <= descriptors_before + 3; }));
+  EXPECT_TRUE(PumpUntil([&] { return CountThreads() <= threads_before + 1; })) << "the worker";
+  EXPECT_TRUE(PumpUntil([&] { return CountDescriptors() <= descriptors_before + 3; }));
 }
 
 TEST(FetchStressTest, ShutsDownWithAHundredInFlight) {
-  const test::Watchdog watchdog(900, "shutting down with fetches in flight");
-  const int rounds = FromEnvironment("ORVAN_SHUTDOWN_ROUNDS", test::UnderSanitizer() ? 40 : 200);
+  const Watchdog watchdog(900, "shutting down with fetches in flight");
+  const int rounds = FromEnvironment("ORVAN_SHUTDOWN_ROUNDS", UnderSanitizer() ? 40 : 200);
   const Servers servers(6);
   WorkerThread worker("shutdown worker");  // starts fetches while the library stops
   Fetcher::SetWorkerThread(&worker);
   std::mt19937 dice(1);
   int threads_before = 0;
   for (int round = 0; round <= rounds; ++round) {
-    if (round == 1) threads_before = test::CountThreads();  // what the process keeps for good is there by now
+    if (round == 1) threads_before = CountThreads();  // what the process keeps for good is there by now
     Init(QString(), QString());
-    std::vector<test::FetchProbe> probes(100);
-    for (test::FetchProbe& probe : probes) {
+    std::vector<FetchProbe> probes(100);
+    for (FetchProbe& probe : probes) {
       probe.params.async = dice() % 2 == 0;
       probe.Start(servers.Url(static_cast<unsigned>(dice()), dice() % 3 == 0 ? "/silent" : "/ok"));
     }
     const int enough = static_cast<int>(dice() % 10);
-    const auto called = [](const test::FetchProbe& probe) { return probe.calls > 0; };
+    const auto called = [](const FetchProbe& probe) { return probe.calls > 0; };
     EXPECT_TRUE(PumpUntil([&] { return std::count_if(probes.begin(), probes.end(), called) >= enough; }));
     Shutdown();
-    for (test::FetchProbe& probe : probes) {
+    for (FetchProbe& probe : probes) {
       EXPECT_LE(probe.calls, 1);
       probe.fetcher->Stop();
     }
   }
-  EXPECT_TRUE(PumpUntil([&] { return test::CountThreads() <= threads_before; }));
+  EXPECT_TRUE(PumpUntil([&] { return CountThreads() <= threads_before; }));
   Fetcher::SetWorkerThread(nullptr);
 }
 
 TEST(FetchStressTest, ServesTenThousandQueuedAtOnce) {
-  const test::Watchdog watchdog(900, "ten thousand fetches queued at once");
-  const int fetches = FromEnvironment("ORVAN_SCALE_FETCHES", test::UnderSanitizer() ? 4000 : 10000);
+  const Watchdog watchdog(900, "ten thousand fetches queued at once");
+  const int fetches = FromEnvironment("ORVAN_SCALE_FETCHES", UnderSanitizer() ? 4000 : 10000);
   const Servers servers(40);
   Init(QString(), QString());
-  std::vector<test::FetchProbe> probes(static_cast<size_t>(fetches));
+  std::vector<FetchProbe> probes(static_cast<size_t>(fetches));
   unsigned next = 0;
-  for (test::FetchProbe& probe : probes) probe.Start(servers.Url(next++, "/ok"));
+  for (FetchProbe& probe : probes) probe.Start(servers.Url(next++, "/ok"));
   size_t done = 0;
   const auto all_done = [&] {
     while (done < probes.size() && probes[done].calls > 0) ++done;
     return done == probes.size();
   };
   EXPECT_TRUE(PumpUntil(all_done, 800000));
-  for (const test::FetchProbe& probe : probes) EXPECT_TRUE(probe.calls == 1 && probe.state == kFetchSuccess);
+  for (const FetchProbe& probe : probes) EXPECT_TRUE(probe.calls == 1 && probe.state == kFetchSuccess);
   Shutdown();
 }
 

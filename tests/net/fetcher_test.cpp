@@ -23,10 +23,7 @@
 namespace orvan::net {
 namespace {
 
-using test::FetchProbe;
-using test::Gate;
-using test::LoopbackServer;
-using test::PumpUntil;
+using namespace test;
 
 class FetcherTest : public ::testing::Test {
  protected:
@@ -48,7 +45,7 @@ class FetcherTest : public ::testing::Test {
     return file.fileName();
   }
 
-  test::Watchdog watchdog_{120, "a test of Fetcher"};
+  Watchdog watchdog_{120, "a test of Fetcher"};
   QTemporaryDir folder_;
   LoopbackServer server_;
 };
@@ -95,10 +92,10 @@ TEST_F(FetcherTest, EndsWhateverIsNoDocumentInTheStateForIt) {
 }
 
 TEST_F(FetcherTest, BringsBytesHeadersAndDateOfAnHttpDocument) {
-  server_.On("/a.kml", test::Reply(200,
-                                   {{"Content-Type", "application/vnd.quorex-orvan.kml+xml; charset=utf-8"},
-                                    {"Last-Modified", "Sun, 06 Nov 1994 08:49:37 GMT"}},
-                                   "<kml/>"));
+  server_.On("/a.kml", Reply(200,
+                             {{"Content-Type", "application/vnd.quorex-orvan.kml+xml; charset=utf-8"},
+                              {"Last-Modified", "Sun, 06 Nov 1994 08:49:37 GMT"}},
+                             "<kml/>"));
   FetchProbe probe;
   probe.params.headers.emplace_back(RequestHeader::kLine, "X-Mine: 1");
   probe.params.headers.emplace_back(RequestHeader::kAcceptTypes, "text/xml, image/png");
@@ -115,7 +112,7 @@ TEST_F(FetcherTest, BringsBytesHeadersAndDateOfAnHttpDocument) {
   EXPECT_TRUE(probe.fetcher->GetResponseHeader(std::numeric_limits<unsigned long>::max()).isNull());
   EXPECT_EQ(probe.fetcher->GetExpireTime(), std::numeric_limits<double>::max());
 
-  const test::RecordedRequest request = server_.LastRequest("/a.kml?q=1");
+  const RecordedRequest request = server_.LastRequest("/a.kml?q=1");
   EXPECT_EQ(request.Header("X-Mine"), "1");
   EXPECT_EQ(request.Header("Accept"), "text/xml, image/png");
   EXPECT_EQ(request.Header("User-Agent"), "probe/1");
@@ -125,10 +122,10 @@ TEST_F(FetcherTest, BringsBytesHeadersAndDateOfAnHttpDocument) {
 TEST_F(FetcherTest, AStalledOrDrippingServerHoldsUpNobodyElse) {
   const Gate release;
   LoopbackServer other;
-  const test::Script begun = test::Script().Send("HTTP/1.1 200 OK\r\nContent-Le").Stall(release);
-  server_.On("/stalled", test::Script(begun).Send("ngth: 1\r\n\r\nx"));
-  server_.Otherwise(test::Script().Drip(test::Response(200, {}, "drips"), 3, 1));
-  other.Otherwise(test::Ok("drips"));
+  const Script begun = Script().Send("HTTP/1.1 200 OK\r\nContent-Le").Stall(release);
+  server_.On("/stalled", Script(begun).Send("ngth: 1\r\n\r\nx"));
+  server_.Otherwise(Script().Drip(Response(200, {}, "drips"), 3, 1));
+  other.Otherwise(Ok("drips"));
   FetchProbe stalled, beside, elsewhere;
   stalled.Start(server_.Url("/stalled"));
   ASSERT_TRUE(server_.WaitForHits("/stalled", 1));
@@ -144,14 +141,14 @@ TEST_F(FetcherTest, AStalledOrDrippingServerHoldsUpNobodyElse) {
 
 // Its result and its end meet on the main thread, whichever thread lets go of it.
 TEST_F(FetcherTest, MayBeLetGoOnAnyThreadOnceItsCallbackIsGone) {
-  server_.On("/a", test::Ok("a"));
+  server_.On("/a", Ok("a"));
   const QString urls[] = {server_.Url("/a"), WriteFile("a.txt", "a")};
   for (int i = 0; i < 100; ++i) {
     FetchProbe probe;
     probe.Start(urls[i % 2]);
     probe.fetcher->SetCallback(nullptr);
     std::thread dropper([held = std::move(probe.fetcher)]() mutable { held = nullptr; });
-    test::PumpPending();
+    PumpPending();
     dropper.join();
   }
 }
@@ -175,7 +172,7 @@ TEST_F(FetcherTest, EndsInTheStateOfItsStatusWord) {
       {"another facility without an error", 0x40010001, kFetchSuccess},
       {"another facility's error", 0xC0010001, kFetchUnknownError},
   };
-  test::ScriptedTransport transport;
+  ScriptedTransport transport;
   for (const auto& row : cases) {
     SCOPED_TRACE(row.says);
     transport.AnswerAll(
@@ -240,8 +237,8 @@ class MapStore : public FetchStore {
 
 TEST_F(FetcherTest, AsksTheStoreBeforeTheNetworkAndAfterAFailure) {
   MapStore store;
-  server_.On("/a", test::Ok("fresh"));
-  server_.On("/refused", test::Reply(415));
+  server_.On("/a", Ok("fresh"));
+  server_.On("/refused", Reply(415));
   const QUrl url(server_.Url("/a"));
   FetchProbe first, kept, offline, refused;
   for (FetchProbe* probe : {&first, &kept, &offline, &refused}) probe->params.store = &store;
@@ -276,7 +273,7 @@ TEST_F(FetcherTest, AsksTheStoreBeforeTheNetworkAndAfterAFailure) {
 
 // On the worker if there is one, else here.
 TEST_F(FetcherTest, CallsBackAlthoughTheCallerLetGoAtOnce) {
-  server_.On("/a", test::Ok("a"));
+  server_.On("/a", Ok("a"));
   const QString path = WriteFile("a.txt", "a");
   WorkerThread worker("test worker");
   for (const bool async : {false, true}) {
@@ -300,6 +297,7 @@ TEST_F(FetcherTest, SurvivesWhatItsCallbackDoesToIt) {
   const QString path = WriteFile("a.txt", "a");
   void (*const deeds[])(FetchProbe&, Fetcher&) = {
       [](FetchProbe&, Fetcher& fetcher) { fetcher.SetCallback(nullptr); },
+      [](FetchProbe& probe, Fetcher&) { probe.fetcher = nullptr; },
       [](FetchProbe& probe, Fetcher& fetcher) {
         fetcher.Stop();
         probe.fetcher = nullptr;
@@ -311,7 +309,7 @@ TEST_F(FetcherTest, SurvivesWhatItsCallbackDoesToIt) {
     probe.in_callback = deed;
     probe.Start(path);
     ASSERT_TRUE(PumpUntil([&] { return probe.calls > 0; }));
-    test::PumpFor(5);
+    PumpFor(5);
     EXPECT_EQ(probe.calls, 1);
   }
 }
@@ -319,8 +317,8 @@ TEST_F(FetcherTest, SurvivesWhatItsCallbackDoesToIt) {
 TEST_F(FetcherTest, IsSilentAfterStopInEveryPhase) {
   WorkerThread worker("test worker");
   const Gate release;
-  server_.On("/held", test::Script().Stall(release).Then(test::Ok("late")));
-  server_.On("/quick", test::Ok("a"));
+  server_.On("/held", Script().Stall(release).Then(Ok("late")));
+  server_.On("/quick", Ok("a"));
   FetchProbe queued, waiting, timer, completed;
   Fetcher::SetWorkerThread(&worker);
   queued.params.async = true;
