@@ -53,7 +53,7 @@ class Servers {
       LoopbackServer& server = *servers_.emplace_back(std::make_unique<LoopbackServer>());
       server.On("/ok", Ok(std::string(300, 'x')));
       server.On("/missing", Reply(404));
-      server.On("/cut", CutBody("abc", 100));
+      server.On("/cut", Reply(200, {{"Content-Length", "100"}}, "abc").Close());
       server.On("/moved", RedirectTo(server.Origin() + "/ok"));
       server.On("/silent", Script().Silent());
       server.On("/long", Reply(200, {}, std::string(3 << 20, 'x')));

@@ -185,28 +185,8 @@ Script Ok(std::string_view body, const std::string& content_type) {
 
 Script RedirectTo(const std::string& location, int status) { return Reply(status, {{"Location", location}}); }
 
-Script Chunked(const std::vector<std::string>& chunks) {
-  std::string body;
-  for (const std::string& chunk : chunks) {
-    body +=
-        QByteArray::number(static_cast<qulonglong>(chunk.size()), 16).toStdString() + "\r\n" + chunk + "\r\n";
-  }
-  return Reply(200, {{"Transfer-Encoding", "chunked"}}, body + "0\r\n\r\n");
-}
-
-Script ManyHeaders(int count) {
-  HeaderList headers;
-  for (int n = 0; n < count; ++n) headers.emplace_back("X-Filler-" + std::to_string(n), std::to_string(n));
-  return Reply(200, headers, "ok");
-}
-
 Script LargeBody(uint64_t count) {
   return Reply(200, {{"Content-Length", std::to_string(count)}}).Endless(count);
-}
-
-Script CutBody(std::string_view sent, uint64_t promised, bool reset) {
-  Script script = Reply(200, {{"Content-Length", std::to_string(promised)}}, sent);
-  return reset ? script.Reset() : script.Close();
 }
 
 struct LoopbackServer::State {

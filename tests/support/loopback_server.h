@@ -67,14 +67,8 @@ std::string Response(int status, const HeaderList& headers = {}, std::string_vie
 Script Reply(int status, const HeaderList& headers = {}, std::string_view body = {});
 Script Ok(std::string_view body, const std::string& content_type = "text/plain");
 Script RedirectTo(const std::string& location, int status = 302);
-// 200 with one chunk for each of `chunks`.
-Script Chunked(const std::vector<std::string>& chunks);
-// 200 with `count` lines "X-Filler-<n>: <n>".
-Script ManyHeaders(int count);
 // 200 with Content-Length `count` and as many bytes.
 Script LargeBody(uint64_t count);
-// 200 that promises `promised` bytes, sends `sent` and closes or resets.
-Script CutBody(std::string_view sent, uint64_t promised, bool reset = false);
 
 // An HTTP server on 127.0.0.1 and a free port, made for what a good server never does.
 //
@@ -123,7 +117,6 @@ class RefusingPort {
   RefusingPort();
   ~RefusingPort();
   int port() const { return port_; }
-  QString Url() const { return QStringLiteral("http://127.0.0.1:%1/").arg(port_); }
 
  private:
   int fd_ = -1;
