@@ -24,5 +24,7 @@ void Fuzz(const QByteArray& input, const QString&) {
   file::CleanupPathname(path);
   const QString once = path, key = KmzCache::CleanUrl(relative);
   file::CleanupPathname(path);
-  FUZZ_CHECK(path == once && KmzCache::CleanUrl(key) == key);
+  FUZZ_CHECK(path == once);
+  const bool is_name = !relative.contains(QChar::Null);  // of a file, for Qt
+  FUZZ_CHECK(!is_name || KmzCache::CleanUrl(key) == key);
 }
