@@ -23,7 +23,7 @@ constexpr qint64 kReadAsItComesFrom = 2 * kMiB;
 // How much of a longer one Qt may hold when it receives faster than we read.
 constexpr qint64 kHeldByQt = 16 * kMiB;
 // How much of a packed one is unpacked at a time.
-constexpr qint64 kUnpackedAtATime = 64 * 1024;
+constexpr qint64 kUnpackedAtATime = qint64{64} * 1024;
 // How far ahead of what has arrived an announced length is believed.
 constexpr qint64 kBelievedAhead = 64 * kMiB;
 
