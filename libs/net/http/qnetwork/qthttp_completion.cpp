@@ -86,6 +86,15 @@ QtHttpConnection::Fate QtHttpConnection::JudgeHead(const QtHttpRequest& request,
   return HttpCodeOf(reply) >= 400 ? Fate::kErrorPage : Fate::kBody;
 }
 
+// As soon as the head is there: Qt tells of bytes only when it has no more of them on their way, so a fast
+// server would get far ahead of the first readyRead. Not sooner, because nobody reads the page of a 401 that
+// Qt answers by itself, and Qt would wait for that. Short bodies never get so far.
+void QtHttpConnection::BoundReadAhead(QNetworkReply* reply) {
+  const QVariant announced = reply->header(QNetworkRequest::ContentLengthHeader);
+  if (announced.isValid() && announced.toLongLong() < kReadAsItComesFrom) return;
+  reply->setReadBufferSize(kHeldByQt);
+}
+
 void QtHttpConnection::ReadableReply(QNetworkReply* reply) {
   QtHttpRequest* const request = replies_.value(reply);
   if (!request) return;  // abandoned; Qt had more on its way
@@ -121,7 +130,6 @@ bool QtHttpConnection::ReceiveBody(QtHttpRequest* request) {
         memory_manager(), request->decoder_ ? static_cast<unsigned int>(std::max<qint64>(available, 1))
                                             : FirstCapacity(*reply, available));
     if (!request->received_) return false;
-    if (!reply->isFinished()) reply->setReadBufferSize(kHeldByQt);
   }
   if (request->decoder_) return Unpack(reply, request->decoder_.get(), request->received_.get());
   HeapBuffer& body = *request->received_;

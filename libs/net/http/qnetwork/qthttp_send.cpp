@@ -103,6 +103,7 @@ void QtHttpConnection::SendRequestSlot(QtHttpRequest* qt_http_req) {
   // By reply: the manager's own signal also tells the end of the preconnect.
   connect(reply, &QNetworkReply::finished, this, &QtHttpConnection::RequestFinishedSlot);
   connect(reply, &QNetworkReply::readyRead, this, [this, reply] { ReadableReply(reply); });
+  connect(reply, &QNetworkReply::metaDataChanged, this, [reply] { BoundReadAhead(reply); });
 }
 
 QNetworkReply* QtHttpConnection::StartReply(const QtHttpRequest& request) {

@@ -177,6 +177,7 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   // Returns the ticket of a thread that waits for this object to leave, or null.
   std::shared_ptr<GateTicket> ServeInbox();
   QNetworkReply* StartReply(const QtHttpRequest& request);
+  static void BoundReadAhead(QNetworkReply* reply);
   void ReadableReply(QNetworkReply* reply);
   bool ReceiveBody(QtHttpRequest* request);
   static bool IsBroken(const QtHttpRequest& request);
