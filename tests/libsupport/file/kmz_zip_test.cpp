@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tests/libsupport/file/zip_maker.h"
+#include "tests/support/wait.h"
 
 namespace orvan::kmz {
 namespace {
@@ -172,12 +173,31 @@ TEST(KmzZipTest, ABombDoesNotGoOffAboveTheLimit) {
   ZipMaker maker;
   maker.Add("honest", zeros);
   maker.Add(Changed("liar", zeros.left(32 << 20), [](ZipEntry* e) { e->size_error = -(31 << 20); }));
+  ZipEntry braggart = Stored("braggart", QByteArray::fromHex("4b0400") + QByteArray(300000, '\0'));  // "a"
+  braggart.method = 8;
+  braggart.size_error = zeros.size() - braggart.content.size();
+  maker.Add(braggart);
   const Archive archive(maker.Finish());
   EXPECT_EQ(archive.Read("honest").size(), zeros.size());
+  const bool peak_known = test::ResetPeakResidentBytes();
+  const qint64 before = test::ResidentBytes();
+  EXPECT_TRUE(archive.Read("braggart").isEmpty());
   EXPECT_TRUE(archive.Read("liar").isEmpty());
   SetExtractionLimit(static_cast<std::size_t>(zeros.size()) - 1);
   EXPECT_TRUE(archive.Read("honest").isEmpty());
+  if (peak_known && !test::UnderSanitizer()) {
+    EXPECT_LT(test::PeakResidentBytes() - before, 8 * 1024 * 1024);
+  }
   SetExtractionLimit(limit);
+}
+
+TEST(KmzZipTest, AFalseCountOfEntriesLeadsNowhere) {
+  ZipMaker maker;
+  maker.Add("a", "1");
+  maker.Add("b", "2");
+  for (const int stated : {1, 50000, 0xFFFF}) {
+    EXPECT_EQ(Archive(maker.Finish(stated)).List(), QStringList({"a", "b"})) << stated;
+  }
 }
 
 // Names of 44 letters "a" and "b" with one hash between them, whatever its seed: the letters are multiples of
