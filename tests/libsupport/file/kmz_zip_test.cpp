@@ -222,6 +222,27 @@ TEST(KmzZipTest, NamesMadeToCollideCostNoMoreThanOthers) {
   EXPECT_EQ(archive.List().size(), 4097);
 }
 
+// Wherever an archive is cut and whatever byte of it is wrong, an entry comes out right or not at all.
+TEST(KmzZipTest, CutAndChangedArchivesNeverGiveWrongBytes) {
+  ZipMaker maker;
+  const QByteArray content = "<kml>" + QByteArray(2000, 'y') + "</kml>";
+  maker.Add("a.kml", content);
+  maker.Add(Stored("b.txt", content));
+  for (const QByteArray& whole : {maker.Finish(-1, "comment"), maker.Finish64()}) {
+    for (int i = 0; i < whole.size(); ++i) {
+      QByteArray changed = whole;
+      changed[i] = static_cast<char>(~changed.at(i));
+      for (const QByteArray& bytes : {changed, whole.left(i), whole.mid(i + 1)}) {
+        const Archive archive(bytes);
+        for (const char* name : {"a.kml", "b.txt", ""}) {
+          const QByteArray read = archive.Read(name);
+          ASSERT_TRUE(read.isEmpty() || read == content) << "byte " << i;
+        }
+      }
+    }
+  }
+}
+
 TEST(KmzZipTest, HandlesThatAreNullForeignOrClosedAnswerEmpty) {
   EXPECT_EQ(Archive("no archive").handle(), nullptr);
   void* closed = nullptr;
