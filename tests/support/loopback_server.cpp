@@ -237,6 +237,7 @@ LoopbackServer::LoopbackServer() : state_(std::make_shared<State>()) {
       const int on = 1;
       setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
       state_->open.insert(fd);
+      state_->changed.notify_all();
       std::thread([state = state_, fd] { Serve(state, fd); }).detach();
     }
   });
@@ -252,7 +253,7 @@ LoopbackServer::~LoopbackServer() {
   shutdown(listener_, SHUT_RDWR);
   accept_thread_.join();
   close(listener_);
-  (void)WaitForNoConnection();
+  (void)WaitForConnections(0);
 }
 
 // The thread of a connection.
@@ -305,8 +306,8 @@ bool LoopbackServer::WaitForHits(const std::string& path, int at_least) const {
   return state_->Wait(kWaitMs, [&] { return state_->Hits(path) >= at_least; });
 }
 
-bool LoopbackServer::WaitForNoConnection() const {
-  return state_->Wait(kWaitMs, [&] { return state_->open.empty(); });
+bool LoopbackServer::WaitForConnections(size_t open) const {
+  return state_->Wait(kWaitMs, [&] { return state_->open.size() == open; });
 }
 
 RefusingPort::RefusingPort() { fd_ = BindToFreePort(&port_); }

@@ -99,8 +99,8 @@ class LoopbackServer {
   RecordedRequest LastRequest(const std::string& path) const;
   int Hits(const std::string& path) const;
   [[nodiscard]] bool WaitForHits(const std::string& path, int at_least) const;
-  // Until no connection is open.
-  [[nodiscard]] bool WaitForNoConnection() const;
+  // Until that many connections are open.
+  [[nodiscard]] bool WaitForConnections(size_t open) const;
 
  private:
   struct State;

@@ -405,7 +405,7 @@ TEST(ChallengeTest, NothingOnTheMainThreadWaitsForAnOpenPrompt) {
     busy_over.Open();
     bridge.reset();  // with a worker inside that still waits for it, if that has had no answer
     EXPECT_EQ(HttpConnectionFactory::GetUsernamePasswordQueryHandler() == nullptr, round % 2 != 0);
-    ASSERT_TRUE(server.WaitForNoConnection());
+    ASSERT_TRUE(server.WaitForConnections(0));
     for (const FetchProbe& probe : probes) EXPECT_EQ(probe.calls, 0);
   }
 }
@@ -442,7 +442,7 @@ TEST(ChallengeTest, ConnectionsAndRequestsMayGoAtAnyMoment) {
     over[round].Open();
   }
   over[rounds].Open();
-  ASSERT_TRUE(server.WaitForNoConnection());
+  ASSERT_TRUE(server.WaitForConnections(0));
 }
 
 // In a process of its own, which has not met the session bus yet. What the user wants to have saved is lost.

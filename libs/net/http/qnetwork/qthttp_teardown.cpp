@@ -53,6 +53,10 @@ void QtHttpConnection::LeaveWorker() {
 void QtHttpConnection::PrepareForDestruction(QThread* in_thread) {
   Q_ASSERT(QThread::currentThread() == thread());
   ForgetReplies();
+  // Before the move, those of requests that ended too. Qt's own thread signals to them, and moving an object
+  // together with its parent is not safe against that: Qt 5 takes only the parent's lock, and both sides then
+  // drop the same reference to the thread that is left, which frees it too early.
+  qDeleteAll(network_manager_.findChildren<QNetworkReply*>());
   // An object can only be pushed away from its own thread, which is why this is the worker's part.
   moveToThread(in_thread);
 }

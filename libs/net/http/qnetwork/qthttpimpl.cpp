@@ -59,12 +59,7 @@ QtHttpConnection::QtHttpConnection(const ServerInfo* server, MemoryManager* memo
       worker_thread_(std::make_unique<QtHttpWorkerThread>()),
       base_url_(BaseUrlOf(*server)),
       user_agent_(SingleLine(server->user_agent().toLatin1())) {
-  if (QCoreApplication::instance()) {
-    worker_thread_->start(QThread::InheritPriority);
-    // Not a slip: a plain connect for secure servers too. The encrypted one would start a handshake, and ask
-    // for a client certificate, for servers that may never get a request.
-    network_manager_.connectToHost(server->host(), static_cast<quint16>(server->port()));
-  }
+  if (QCoreApplication::instance()) worker_thread_->start(QThread::InheritPriority);
   network_manager_.setParent(this);
   QNetworkCookieJar* const jar = CookieJar::GetQtCookieJar();
   network_manager_.setCookieJar(jar);
@@ -74,6 +69,7 @@ QtHttpConnection::QtHttpConnection(const ServerInfo* server, MemoryManager* memo
   connect(&network_manager_, &QNetworkAccessManager::proxyAuthenticationRequired, this,
           &QtHttpConnection::OnProxyAuthenticationRequestSlot);
   moveToThread(worker_thread_.get());
+  (void)gate_->Post({SendGate::Verb::kConnect});
 }
 
 HttpRequest* QtHttpConnection::CreateRequest(HttpMethod method, const QString& url, void* owner_data) {
@@ -98,6 +94,12 @@ std::shared_ptr<GateTicket> QtHttpConnection::ServeInbox() {
   SendGate::Command command;
   for (size_t left = gate_->BeginPass(); left > 0 && gate_->Take(&command); --left) {
     switch (command.verb) {
+      case SendGate::Verb::kConnect:
+        // Not a slip: a plain connect for secure servers too. The encrypted one would start a handshake, and
+        // ask for a client certificate, for servers that may never get a request. Not in the constructor: it
+        // makes a reply, and no reply may change its thread (see PrepareForDestruction()).
+        network_manager_.connectToHost(host(), static_cast<quint16>(port()));
+        break;
       case SendGate::Verb::kSend:
         SendRequestSlot(command.request.get());
         break;

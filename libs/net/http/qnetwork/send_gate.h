@@ -44,16 +44,17 @@ class GateTicket {
 class SendGate {
  public:
   enum class Verb {
-    kSend,   // send `request` for the first time
-    kAbort,  // end `request`, which is marked as cancelled, if it is still in flight
-    kLeave,  // let go of everything and move the connection to `thread`; the last command there is
+    kConnect,  // connect ahead of time; the first command there is
+    kSend,     // send `request` for the first time
+    kAbort,    // end `request`, which is marked as cancelled, if it is still in flight
+    kLeave,    // let go of everything and move the connection to `thread`; the last command there is
   };
 
   struct Command {
     Verb verb;
-    RefPtr<QtHttpRequest> request;
-    QThread* thread = nullptr;           // not owned; its owner waits for `ticket`
-    std::shared_ptr<GateTicket> ticket;  // kLeave only
+    RefPtr<QtHttpRequest> request{};
+    QThread* thread = nullptr;             // not owned; its owner waits for `ticket`
+    std::shared_ptr<GateTicket> ticket{};  // kLeave only
   };
 
   // The wake-up. Completes its ticket, if it was given one, when it is destroyed: by then Qt is through with
