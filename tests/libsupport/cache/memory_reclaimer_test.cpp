@@ -119,7 +119,9 @@ TEST_F(MemoryReclaimerTest, AnObserverMayEndWithinItsOwnReclaim) {
     ends.reset();
     return true;
   });
+  const auto stays = Make('b', 2, 2000, [](Observer*, bool) { return false; });
   EXPECT_EQ(MemoryReclaimer::RunPass(), 1500);
+  EXPECT_EQ(log_, "abB") << "what has ended is not demanded from";
 }
 
 TEST_F(MemoryReclaimerTest, DetachWaitsForAReclaimOnAnotherThread) {

@@ -104,18 +104,19 @@ TEST(EventPumpTest, ARunningJobIsNotEnteredAgainButGetsItsTurnLater) {
   job = new Job([&](const IJobContinuator&) {
     EXPECT_EQ(++depth, 1);
     if (++runs == 1) {
-      GetDefaultJobScheduler()->AddJob(job.get());
-      Post([&] { marker = true; });
       EXPECT_TRUE(PumpUntil([&] { return marker; })) << "the rest of the queue runs in a local event loop";
     }
     --depth;
     return AbstractJob::kFinished;
   });
-  GetDefaultJobScheduler()->AddJob(job.get());
+  for (int times = 0; times < 2; ++times) GetDefaultJobScheduler()->AddJob(job.get());
+  Post([&] { marker = true; });
   EXPECT_TRUE(PumpUntil([&] { return runs == 2; }));
   test::PumpPending();
   EXPECT_EQ(runs, 2);
 }
+
+TEST(EventPumpDeathTest, AnEmptyFunctionEndsTheProcessAtTheCall) { EXPECT_DEATH(Post(nullptr), ""); }
 
 TEST(EventPumpTest, ItemsMayDeleteThemselvesInTheirOwnCall) {
   Call* call = nullptr;

@@ -66,6 +66,8 @@ TEST(HeapBufferTest, SharesItsBlockAndKeepsBothSidesApart) {
   EXPECT_EQ(domain.GetBytesInUse(), buffer->capacity());
   buffer->Trim();
   EXPECT_EQ(domain.GetBytesInUse(), 1004u);
+  EXPECT_TRUE(buffer->AppendData(buffer->data(), 1004)) << "bytes of its own, which move as it grows";
+  EXPECT_EQ(buffer->ToQByteArray().right(1004), buffer->ToQByteArray().left(1004));
   buffer->unref();
 
   char foreign[] = "borrowed";

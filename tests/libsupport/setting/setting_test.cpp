@@ -45,6 +45,11 @@ TEST(SettingTest, AWriteAlwaysNamesTheWriterAndTellsOfChangesOnly) {
   setting.PushSetting();
   EXPECT_TRUE(setting.PopSetting());
   EXPECT_EQ(changes, 2) << "restoring tells the observers even if nothing changed";
+  setting.PushSetting();
+  setting = 7;
+  EXPECT_TRUE(setting.PopSetting());
+  EXPECT_FALSE(setting.fromString("a, b"));
+  EXPECT_EQ(setting.value(), 6);
 }
 
 TEST(MapAndLogTest, KeepsTheMostFrequentCodes) {

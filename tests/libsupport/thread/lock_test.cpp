@@ -1,6 +1,7 @@
 #include "orvan/support/thread/lock.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <thread>
 #include <type_traits>
@@ -54,6 +55,20 @@ TEST(SpinLockTest, KeepsThreadsApart) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(count, long{kThreads} * kRounds);
+}
+
+TEST(SemaphoreTest, ASignalDoesNotEndTheWait) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};  // without SA_RESTART
+  ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+  Semaphore semaphore(0), ended(0);
+  std::thread waiter([&] { semaphore.wait(), ended.Post(); });
+  for (int i = 0; i < 5 && !HasFailure(); ++i) {  // the first may come before the wait has begun
+    pthread_kill(waiter.native_handle(), SIGUSR1);
+    EXPECT_FALSE(ended.wait_for(10));
+  }
+  semaphore.Post();
+  waiter.join();
 }
 
 }  // namespace

@@ -44,7 +44,9 @@ class WorkerThreadTest : public testing::Test {
 
 TEST_F(WorkerThreadTest, JobsRunOnceInTheOrderInWhichTheyWereAdded) {
   std::string order;
+  char name[16] = "";
   const RefPtr<Job> first = Add([&](Job* self) {
+    pthread_getname_np(pthread_self(), name, sizeof name);
     self->Cancel();  // must not wait for its own end
     order += 'a';
   });
@@ -53,6 +55,7 @@ TEST_F(WorkerThreadTest, JobsRunOnceInTheOrderInWhichTheyWereAdded) {
   Add([&](Job*) { done_.Open(); });
   ASSERT_TRUE(done_.Wait());
   EXPECT_EQ(order, "ab");
+  EXPECT_STREQ(name, "test worker wit") << "cut, not lost";
   first->AddToQueue(worker_.get());
   EXPECT_EQ(worker_->GetQueueLength(), 0) << "once in its life";
 }
@@ -97,6 +100,18 @@ TEST_F(WorkerThreadTest, TheDestructorCancelsWhatWaitsAndJoinsWhatRuns) {
   worker_.reset();
   EXPECT_TRUE(ended);
   EXPECT_EQ(Job::s_destroyed, 3);
+}
+
+TEST_F(WorkerThreadTest, AJobMayDestroyItsWorker) {
+  Job::s_destroyed = 0;
+  const int threads = test::CountThreads();
+  Add([&](Job*) {
+    EXPECT_TRUE(release_.Wait());
+    worker_.reset();
+  });
+  Add(MustNotRun);
+  release_.Open();
+  EXPECT_TRUE(SpinUntil([&] { return Job::s_destroyed == 2 && test::CountThreads() == threads - 1; }));
 }
 
 }  // namespace
