@@ -38,8 +38,20 @@ TEST_F(ConnectionCacheTest, IdleConnectionsExpireButNotAtTheVeryMoment) {
   ASSERT_TRUE(Fire());
   EXPECT_EQ(cache->GetEntryCount(), 0);
   EXPECT_EQ(transport.alive, 1) << "not within Fire()";
+  Add("b");
+  clock.Advance(61.0);
+  ASSERT_TRUE(Fire());
+  EXPECT_EQ(transport.alive, 1) << "but the next one takes what the job has left";
   pump.Drain();
   EXPECT_EQ(transport.alive, 0);
+}
+
+TEST_F(ConnectionCacheTest, TheDeleterGivesWayBetweenConnections) {
+  mmvector<ConnectionCache::ConnectionEntry> entries;
+  for (const char* host : {"a", "b"}) entries.push_back({Make(host), 0.0, 0.0});
+  ConnectionCache::ConnectionDeleterJob job(std::move(entries));
+  EXPECT_EQ(job.Run(CountingContinuator(0), nullptr), AbstractJob::kRunAgain);
+  EXPECT_EQ(job.Run(CountingContinuator(0), nullptr), AbstractJob::kFinished);
 }
 
 TEST_F(ConnectionCacheTest, UseDoesNotMoveTheFinalExpiry) {

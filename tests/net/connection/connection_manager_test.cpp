@@ -93,6 +93,19 @@ TEST_F(ConnectionManagerTest, APlaceThatTheDeleterFreesWakesTheOneThatWaits) {
   System::SetTimeSourceForTest([this] { return clock.Now(); });
 }
 
+TEST_F(ConnectionManagerTest, AHookMayComeBackWhileItsRequestIsBeingSent) {
+  MakeManager(2, true);
+  const RefPtr<NetworkRequest> other = Send("b", "/other");
+  transport.send_hook = [&](const QString& url) {
+    if (url != "/1") return;
+    for (const auto& request : {other, Send("a", "/nested")}) manager->CancelRequest(request.get());
+    Send("c", "/2");
+  };
+  Send("a", "/1");
+  transport.send_hook = nullptr;
+  EXPECT_EQ(transport.GetHeldUrls(), QStringList({"/1", "/2"})) << "in order, and in the place of the other";
+}
+
 TEST_F(ConnectionManagerTest, CancelEndsARequestInEveryState) {
   MakeManager(1, true);
   transport.cancel_ends = false;

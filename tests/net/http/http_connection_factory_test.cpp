@@ -79,6 +79,7 @@ TEST_F(HttpConnectionFactoryTest, ConnectionsMakeTheirUrlsWhenTheyAreAsked) {
             "https://www.quorex.example/a%2Fb?c=%25d");
   EXPECT_EQ(test::BareConnection("www.quorex.example", false, 8080).MakeBaseUrlString(),
             "http://www.quorex.example:8080");
+  EXPECT_EQ(test::BareConnection().MakeBaseUrlString(), "http://host.example") << "a stranger";
   EXPECT_EQ(other.MakeBaseUrlString(), "https://%1.example:80") << "a marker is not expanded";
 }
 

@@ -73,6 +73,7 @@ TEST_F(HttpConnectionTest, AnUnacceptableTypeHidesTheStatus) {
   transport.AnswerAll({kStatusNoConnection, "body", {"Server: x"}});
   const auto connection = Connect();
   HttpRequest* const request = connection->CreateRequest(kHttpGet, "/", nullptr);
+  EXPECT_EQ(connection->ProcessRequest(request), kStatusNoConnection);
   request->AddAcceptContentType("image/png");
   EXPECT_EQ(connection->ProcessRequest(request), kStatusUnacceptableType);
   EXPECT_TRUE(SpinUntil([&] { return request->getRefCount() == 1; }));

@@ -2,6 +2,7 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <future>
 #include <set>
 #include <thread>
 
@@ -13,6 +14,7 @@
 #include "tests/support/real_server.h"
 #include "tests/support/scripted_transport.h"
 #include "tests/support/wait.h"
+#include "tests/support/watchdog.h"
 
 namespace orvan::net {
 namespace {
@@ -261,6 +263,18 @@ TEST(CmNetworkManagerTest, KeepsNothingThatIsLent) {
   body[0] = '?';
   ASSERT_TRUE(PumpUntil(idle));
   EXPECT_EQ(watch.body, "lent") << "of the fifth, which waited";
+}
+
+// Whatever a callable holds, its end may wait for a thread that wants the manager.
+TEST(CmNetworkManagerTest, ACallableEndsBehindTheLock) {
+  const Watchdog watchdog(60, "the end of a callable");
+  ScriptedTransport transport;
+  const auto manager = MakeManager(kDeferred);
+  std::shared_ptr<int> held(nullptr, [&](int*) {
+    std::async(std::launch::async, [&] { return manager->Get(UrlOf(0), [](auto, auto) {}); }).get();
+  });
+  manager->Cancel(manager->Get(UrlOf(0), [held = std::move(held)](auto, auto) {}));
+  EXPECT_TRUE(PumpUntil([&] { return transport.sent == 2; }));
 }
 
 // A callable on a thread of its own asks for more until the destructor, which waits for it, sends nothing.
