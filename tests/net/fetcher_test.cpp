@@ -94,7 +94,8 @@ TEST_F(FetcherTest, EndsWhateverIsNoDocumentInTheStateForIt) {
 TEST_F(FetcherTest, BringsBytesHeadersAndDateOfAnHttpDocument) {
   server_.On("/a.kml", Reply(200,
                              {{"Content-Type", "application/vnd.quorex-orvan.kml+xml; charset=utf-8"},
-                              {"Last-Modified", "Sun, 06 Nov 1994 08:49:37 GMT"}},
+                              {"Last-Modified", "Sun, 06 Nov 1994 08:49:37 GMT"},
+                              {"X-N", "\xC3\xA4"}},
                              "<kml/>"));
   FetchProbe probe;
   probe.params.headers.emplace_back(RequestHeader::kLine, "X-Mine: 1");
@@ -109,6 +110,7 @@ TEST_F(FetcherTest, BringsBytesHeadersAndDateOfAnHttpDocument) {
   EXPECT_EQ(probe.fetcher->GetMimeType(), kMimeKml);
   EXPECT_EQ(probe.fetcher->GetLastModified(), QString(" Sun, 06 Nov 1994 08:49:37 GMT")) << "with its blank";
   EXPECT_EQ(probe.fetcher->GetLastModifiedDateTime().GetFieldSeconds(), 784111777);
+  EXPECT_EQ(probe.fetcher->GetResponseHeader(2), QLatin1String("X-N: \xC3\xA4")) << "byte by byte";
   EXPECT_TRUE(probe.fetcher->GetResponseHeader(std::numeric_limits<unsigned long>::max()).isNull());
   EXPECT_EQ(probe.fetcher->GetExpireTime(), std::numeric_limits<double>::max());
 

@@ -122,18 +122,24 @@ TEST_F(KmzCacheEntryTest, KnowsItsNamesFromTheFirstReadingOn) {
     EXPECT_EQ(entry->unzipFile("none"), "");
     EXPECT_TRUE(entry->ContainsFile("DOC.KML"));
   }
+  QByteArray place = kmz_;
+  entry->OpenZFile(QByteArray::fromRawData(place.data(), place.size()));
+  place.fill('x');
+  EXPECT_EQ(entry->unzipFile("b.txt"), "b") << "it owns what it reads from";
   entry->UpdateBytes(QByteArray(), kNever, nullptr);
   EXPECT_TRUE(pump_.DrainAll());
   EXPECT_FALSE(QFile::exists(Path("tmp"))) << "nothing is written any more";
 }
 
 TEST_F(KmzCacheEntryTest, GivesUpItsBytesOnceTheCopyIsThere) {
+  const RefPtr<NetworkRequest> request(new NetworkRequest(ServerInfo(), {"/", {}, true, nullptr, nullptr}));
   const qint64 total = MemoryReclaimer::GetTotalBytes();
   const RefPtr<KmzCacheEntry> entry = Make();
-  entry->UpdateBytes(kmz_, kNever, nullptr);
+  entry->UpdateBytes(kmz_, kNever, request.get());
   EXPECT_EQ(entry->unzipFile("B.txt"), "b");
   EXPECT_FALSE(entry->reclaim(kAsked)) << "the copy is not written yet";
   EXPECT_TRUE(entry->reclaim(kDemanded)) << "which writes it";
+  EXPECT_EQ(request->getRefCount(), 1) << "the answer goes, too: it holds the bytes once more";
   EXPECT_EQ(entry->GetLruFrame(), -1);
   EXPECT_EQ(MemoryReclaimer::GetTotalBytes(), total);
   EXPECT_TRUE(pump_.DrainAll());

@@ -63,6 +63,7 @@ TEST_F(KmzFlowTest, AsksForWhatItHasNotAndServesTheRestFromTheCache) {
       {"an anchor and an escape", "$S/a.kmz", "$S/a.kmz/A%20b.txt#part", 0, "a b.txt"},
       {"a file of it, past a folder of such a name", "", "$F/x.kmz/y.kmz/b.png", 0, "b.png"},
       {"the same, cached, as a file URL", "$F/x.kmz/y.kmz", "file://$F/x.kmz/y.kmz/b.png", 0, "b.png"},
+      {"a query alone, cached", "$S/get?id=7", "$S/get?id=7", 0, "doc.kml"},
       {"a query, cached, and a path behind it", "$S/get?id=7", "$S/get?id=7/b.png", 0, "b.png"},
       {"a key with an escape", "$S/get%20it", "$S/get%20it/b.png", 0, "b.png"},
       {"no zip data", "", "$S/text.kmz/b.png", 1, "text", kFetchSuccess, false},
@@ -101,8 +102,8 @@ TEST_F(KmzFlowTest, AsksAgainIfItMust) {
   ASSERT_TRUE(PumpUntil([&] { return first->GetState() == kFetchSuccess; }));
   EXPECT_EQ(first->GetByteArray(), kmz_) << "for nobody nothing is unpacked";
   server_.On("/a.kmz", test::Ok(MakeKmz({{"b.png", "new"}}).toStdString()));
-  FetchProbe stored, dated, uncached, lost, again;
-  stored.params.store = &store;
+  FetchProbe stored, dated, uncached, unstored, lost, again;
+  stored.params.store = unstored.params.store = &store;
   stored.params.if_modified_since = dated.params.if_modified_since = "Sat, 05 Nov 1994 08:49:37 GMT";
   dated.params.headers.emplace_back(RequestHeader::kAcceptTypes, "image/png");
   uncached.params.use_cache = false;
@@ -112,12 +113,13 @@ TEST_F(KmzFlowTest, AsksAgainIfItMust) {
   EXPECT_EQ(dated.bytes, "new");
   EXPECT_EQ(server_.LastRequest("/a.kmz").Header("Accept"), "image/png, " + kKmzMediaType.toStdString());
   Run(uncached, "$S/a.kmz/b.png");
+  Run(unstored, "$S/a.kmz");  // which the store has not got
   const RefPtr<KmzCacheEntry> entry = cache().Find(Full("$S/a.kmz"));
   EXPECT_TRUE(entry->reclaim(kDemanded));
   EXPECT_TRUE(QFile::remove(entry->file_name()));
   Run(lost, "$S/a.kmz/b.png");
   EXPECT_EQ(lost.state, kFetchCannotOpen) << "the copy was taken away";
-  EXPECT_EQ(server_.Hits("/a.kmz"), 3);
+  EXPECT_EQ(server_.Hits("/a.kmz"), 4);
   Run(again, "$S/a.kmz/b.png");
   EXPECT_EQ(again.bytes, "new") << "and is asked for by the next fetch";
 }
@@ -127,6 +129,7 @@ TEST_F(KmzFlowTest, SplitsReferencesToArchivesThatItHasNot) {
   const std::pair<const char*, const char*> rows[] = {
       {"http://h/a.kmzz/b", "|"},
       {".kmz\\a:b", "|"},
+      {"relative.kmz/b", "-|-"},
       {"http://h/a.KmZ\\b/c.kmz", "http://h/a.KmZ|b/c.kmz"},
       {"http://h/a%2Ekmz/b%20c", "http://h/a.kmz|b c"},
       {"http://h/a%3Fb.kmz/c", "http://h/a?b.kmz|c"},
