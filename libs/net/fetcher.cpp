@@ -336,7 +336,7 @@ FetchState Fetcher::TakeAnythingElse() {
     return TakeLocalFile(is_resource ? fetch_url_ : QDir::toNativeSeparators(fetch_url_));
   }
   // Not a slip: "http" has to start with the scheme, so that an empty one or "htt" counts as HTTP and "https"
-  // without a host does not. FetcherStatesTest has a row for each.
+  // without a host does not. FetcherTest.EndsWhateverIsNoDocumentInTheStateForIt holds this in place.
   if (!ServerInfo::GetProtocolString(kQOProtocolHttp).startsWith(url.scheme(), Qt::CaseInsensitive)) {
     return kFetchUnsupportedProtocol;
   }

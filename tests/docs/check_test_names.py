@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Each test that docs/, comments of libs/ and the seeded faults name is there: check_test_names.py <source root>"""
+"""Each test and suite that docs/, comments of libs/ and the seeded faults name is there: check_test_names.py <source root>"""
 import pathlib
 import re
 import sys
@@ -12,8 +12,9 @@ def find(pattern, *folders):
     return {(match, str(f.relative_to(root))) for f in files for match in re.findall(pattern, f.read_text("utf-8"))}
 
 
-tests = {suite + "." + name for (suite, name), _ in find(r"\nTEST(?:_[FP])?\((\w+),\s*(\w+)\)", "tests")}
-named = find(r"\b[A-Z]\w*Test\.[A-Z]\w+", "docs", "libs", "tests/faults")
+tests = {name for (suite, test), _ in find(r"\nTEST(?:_[FP])?\((\w+),\s*(\w+)\)", "tests")
+         for name in (suite, suite + "." + test)}
+named = find(r"\b[A-Z]\w+(?<!For)Test\b(?:\.[A-Z]\w+)?", "docs", "libs", "tests/faults")
 missing = sorted((name, place) for name, place in named if name not in tests)
 for name, place in missing:
     print("%s names %s, which is not there" % (place, name))
