@@ -286,6 +286,7 @@ void DisposeConnection(HttpConnection* connection) {
     delete connection;
     return;
   }
+  connection->StopCallbacks();
   // A thread for each: one that has to wait for a user must not hold up the others. If no thread can be
   // started the connection stays for good, which is better than a thread that waits for itself.
   const unsigned long reaper = System::spawn(&DeleteConnection, connection, "http_reaper");

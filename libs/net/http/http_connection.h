@@ -87,8 +87,8 @@ class ORVAN_NET_EXPORT HttpConnection {
   virtual void SetLoginInfo(const QString& user, const QString& password);
   // The synchronous route of other transports; the Qt transport answers kStatusFailed.
   virtual unsigned int SendRequest(HttpRequest* request) = 0;
-  // Whether the calling thread may destroy this connection without waiting for itself or for a user. A
-  // transport answers false on its own worker thread. For DisposeConnection().
+  // Whether the calling thread may destroy this connection without waiting for itself, for a user, or for
+  // long. A transport answers false on its own worker thread. For DisposeConnection().
   virtual bool MayBeDestroyedHere() const;
 
   const QString& host() const { return host_; }
@@ -147,6 +147,7 @@ class ORVAN_NET_EXPORT HttpConnection {
   void StopCallbacks();
 
  private:
+  friend ORVAN_NET_EXPORT void DisposeConnection(HttpConnection* connection);
   // What the callback thread works on. Shared with that thread, which outlives the connection when a callback
   // destroys it.
   struct ORVAN_NET_HIDDEN CallbackService;
@@ -175,7 +176,9 @@ class ORVAN_NET_EXPORT HttpConnection {
 };
 
 // Ends a connection on whatever thread: here, if that is possible, and on a thread made for it otherwise (on
-// the connection's own worker thread, or while its worker waits for a user). Null is ignored.
+// the connection's own worker thread, or while its worker waits for a user or is busy with what a server
+// sent). Either way no callback begins when it is back; only here a running one is waited for. Null is
+// ignored.
 ORVAN_NET_EXPORT void DisposeConnection(HttpConnection* connection);
 
 }  // namespace orvan::net

@@ -81,7 +81,7 @@ unsigned int QtHttpConnection::SendRequest(HttpRequest*) { return kStatusFailed;
 bool QtHttpConnection::MayBeDestroyedHere() const {
   const bool handler_is_out = gate_->BarHandler();
   return handler_is_out && QThread::currentThread() != worker_thread_.get() &&
-         HttpConnection::MayBeDestroyedHere();
+         HttpConnection::MayBeDestroyedHere() && LetsGoSoon();
 }
 
 void QtHttpConnection::customEvent(QEvent* event) {
@@ -105,6 +105,10 @@ std::shared_ptr<GateTicket> QtHttpConnection::ServeInbox() {
         break;
       case SendGate::Verb::kAbort:
         AbandonReply(command.request.get());
+        break;
+      case SendGate::Verb::kLetGo:
+        if (challenge_depth_ == 0) LetGo();
+        command.ticket->Complete();
         break;
       case SendGate::Verb::kLeave:
         if (challenge_depth_ > 0) {

@@ -115,7 +115,8 @@ class ORVAN_NET_EXPORT QtHttpWorkerThread : public QThread {
 // Challenges: a server or proxy that asks for credentials gets those of the system keychain, and if there are
 //            none or they are refused, what the application's query handler says. While the keychain or the
 //            user is asked nothing else moves on this connection; others go on. A connection that is disposed
-//            of meanwhile waits for the user's answer on a thread of its own.
+//            of meanwhile waits for the user's answer on a thread of its own. So does one whose threads are
+//            busy, for minutes perhaps, with what a server has sent.
 class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection {
   Q_OBJECT
  public:
@@ -132,7 +133,8 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   unsigned int EnqueueRequest(HttpRequest* request, HttpRequest::Callback* callback, void* data) override;
   // Always kStatusFailed: only the enqueue route exists.
   unsigned int SendRequest(HttpRequest* request) override;
-  // Asking means wanting: no query handler is called from now on.
+  // Asking means wanting: no query handler is called from now on, and requests in flight do not go on. Waits
+  // for half a second at most.
   bool MayBeDestroyedHere() const override;
 
   // What a challenge is answered with. True: `username` and `password` are something to try. On entry they
@@ -209,8 +211,10 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
 
   // Worker thread, or the destroying one once the worker has ended.
   void ForgetReplies();
+  void LetGo();
 
   // The destroying thread.
+  bool LetsGoSoon() const;
   void LeaveWorker();
 
   const std::shared_ptr<SendGate> gate_;

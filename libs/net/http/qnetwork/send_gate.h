@@ -47,6 +47,7 @@ class SendGate {
     kConnect,  // connect ahead of time; the first command there is
     kSend,     // send `request` for the first time
     kAbort,    // end `request`, which is marked as cancelled, if it is still in flight
+    kLetGo,    // drop all replies and end Qt's own thread, unless a challenge is on the stack
     kLeave,    // let go of everything and move the connection to `thread`; the last command there is
   };
 
@@ -54,7 +55,7 @@ class SendGate {
     Verb verb;
     RefPtr<QtHttpRequest> request{};
     QThread* thread = nullptr;             // not owned; its owner waits for `ticket`
-    std::shared_ptr<GateTicket> ticket{};  // kLeave only
+    std::shared_ptr<GateTicket> ticket{};  // kLetGo and kLeave only
   };
 
   // The wake-up. Completes its ticket, if it was given one, when it is destroyed: by then Qt is through with

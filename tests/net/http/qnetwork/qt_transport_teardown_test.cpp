@@ -93,20 +93,32 @@ TEST(QtTransportTeardownTest, AConnectionMayEndOnItsOwnThreads) {
   EXPECT_EQ(first.body(), "ok");
 
   // The worker asks the domain for the body's memory, which is how the test comes to run on it.
-  struct DisposingDomain : MemoryManager {
+  struct ActingDomain : MemoryManager {
     bool Reserve(size_t bytes) override {
-      if (victim) victim->Dispose();
-      victim = nullptr;
+      if (act) std::exchange(act, nullptr)();
       return MemoryManager::Reserve(bytes);
     }
-    Transport* victim = nullptr;
+    std::function<void()> act;
   };
-  static DisposingDomain domain;
+  static ActingDomain domain;
   Transport own_worker(server.port(), "127.0.0.1", false, QString(), &domain);
-  domain.victim = &own_worker;
+  domain.act = [&own_worker] { own_worker.Dispose(); };
   Exchange second(own_worker, "/");
   ASSERT_EQ(second.Send(), kStatusOk);
   EXPECT_TRUE(SpinUntil([&] { return second->getRefCount() == 1; }));
+
+  // Nor on a worker that is busy, whatever a server has sent it.
+  Transport busy(server.port(), "127.0.0.1", false, QString(), &domain);
+  const Gate begun, over;
+  domain.act = [=] { begun.Open(), (void)over.Wait(); };
+  Exchange third(busy, "/");
+  ASSERT_EQ(third.Send(), kStatusOk);
+  ASSERT_TRUE(begun.Wait());
+  busy.Dispose();
+  EXPECT_EQ(third->getRefCount(), 2) << "the worker still has it";
+  over.Open();
+  EXPECT_TRUE(SpinUntil([&] { return third->getRefCount() == 1; }));
+  EXPECT_FALSE(third.IsDone());
   EXPECT_TRUE(server.WaitForConnections(0));
   EXPECT_TRUE(SpinUntil([&] { return CountThreads() <= threads; }));
 }
