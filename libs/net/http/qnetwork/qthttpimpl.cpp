@@ -1,7 +1,12 @@
 #include "orvan/net/http/qnetwork/qthttpimpl.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <QCoreApplication>
 #include <QNetworkReply>
+#include <algorithm>
+#include <array>
 #include <utility>
 
 #include "orvan/net/http/qnetwork/body_decoder.h"
@@ -23,6 +28,18 @@ QString BaseUrlOf(const ServerInfo& server) {
     base += QLatin1Char(':') + QString::number(server.port());
   }
   return base;
+}
+
+// A thread of Qt's whose event loop gets no descriptor ends the process (GLib: "Creating pipes for GWakeup").
+// There will be two of them, some time after this look, and other connections begin meanwhile.
+bool HasDescriptorsToSpare() {
+  std::array<int, 32> spare{};
+  for (int& descriptor : spare) descriptor = eventfd(0, EFD_CLOEXEC);
+  const bool all = std::all_of(spare.begin(), spare.end(), [](int descriptor) { return descriptor >= 0; });
+  for (const int descriptor : spare) {
+    if (descriptor >= 0) close(descriptor);
+  }
+  return all;
 }
 
 }  // namespace
@@ -50,16 +67,19 @@ QtHttpWorkerThread::~QtHttpWorkerThread() {
 
 void QtHttpWorkerThread::run() { exec(); }
 
-// Without an application object the gate starts closed, and nothing is started that would need one.
+// Without an application object, or what a thread needs, the gate is closed and nothing is started that would
+// need one.
 QtHttpConnection::QtHttpConnection(const ServerInfo* server, MemoryManager* memory_manager, double timeout,
                                    int transfer_timeout, int connection_limit)
     : HttpConnection(server->host(), server->secure(), server->port(), memory_manager, server->user_agent(),
                      timeout, transfer_timeout, connection_limit),
-      gate_(std::make_shared<SendGate>(QCoreApplication::instance() ? this : nullptr)),
+      gate_(std::make_shared<SendGate>(this)),
       worker_thread_(std::make_unique<QtHttpWorkerThread>()),
       base_url_(BaseUrlOf(*server)),
       user_agent_(SingleLine(server->user_agent().toLatin1())) {
-  if (QCoreApplication::instance()) worker_thread_->start(QThread::InheritPriority);
+  if (QCoreApplication::instance() && HasDescriptorsToSpare())
+    worker_thread_->start(QThread::InheritPriority);
+  if (!HasWorker()) gate_->Close();
   network_manager_.setParent(this);
   QNetworkCookieJar* const jar = CookieJar::GetQtCookieJar();
   network_manager_.setCookieJar(jar);
@@ -77,6 +97,8 @@ HttpRequest* QtHttpConnection::CreateRequest(HttpMethod method, const QString& u
 }
 
 unsigned int QtHttpConnection::SendRequest(HttpRequest*) { return kStatusFailed; }
+
+bool QtHttpConnection::HasWorker() const { return worker_thread_->isRunning(); }
 
 bool QtHttpConnection::MayBeDestroyedHere() const {
   const bool handler_is_out = gate_->BarHandler();
@@ -128,7 +150,11 @@ QtHttpConnectionFactory::~QtHttpConnectionFactory() = default;
 
 HttpConnection* QtHttpConnectionFactory::create(const ServerInfo* server, MemoryManager* manager,
                                                 double timeout, int transfer_timeout, int connection_limit) {
-  return new QtHttpConnection(server, manager, timeout, transfer_timeout, connection_limit);
+  auto connection =
+      std::make_unique<QtHttpConnection>(server, manager, timeout, transfer_timeout, connection_limit);
+  // Not one that refuses: a manager would keep it, when there are threads again.
+  if (QCoreApplication::instance() && !connection->HasWorker()) return nullptr;
+  return connection.release();
 }
 
 void QtHttpConnectionFactory::ClearConnectionCredentials() {}

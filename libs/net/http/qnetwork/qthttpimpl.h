@@ -121,7 +121,8 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   Q_OBJECT
  public:
   // Starts both threads and connects ahead of time, in the plain, to secure servers too. A connection that is
-  // made without a QCoreApplication refuses every request. Times in seconds.
+  // made without a QCoreApplication, or when the process may have no more threads or fewer than 32
+  // descriptors left, refuses every request. Times in seconds.
   QtHttpConnection(const ServerInfo* server, MemoryManager* memory_manager, double timeout,
                    int transfer_timeout, int connection_limit);
   // Requests in flight vanish: no callback, and their status stays what it was.
@@ -136,6 +137,7 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   // Asking means wanting: no query handler is called from now on, and requests in flight do not go on. Waits
   // for half a second at most.
   bool MayBeDestroyedHere() const override;
+  bool HasWorker() const;
 
   // What a challenge is answered with. True: `username` and `password` are something to try. On entry they
   // are what was tried and refused, or empty, and then the keychain is asked first. Worker thread.
@@ -240,6 +242,7 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
 class ORVAN_NET_EXPORT QtHttpConnectionFactory : public HttpConnectionFactory {
  public:
   ~QtHttpConnectionFactory() override;
+  // Null if there is an application, and the connection would refuse every request.
   HttpConnection* create(const ServerInfo* server, MemoryManager* manager, double timeout,
                          int transfer_timeout, int connection_limit) override;
   void ClearConnectionCredentials() override;  // nothing to clear: see identity/ for where credentials are

@@ -1,5 +1,7 @@
 // Cancelling, and taking a connection apart: at every moment, on its own threads.
 
+#include <sys/resource.h>
+
 #include "tests/net/http/qnetwork/transport_probe.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/watchdog.h"
@@ -77,6 +79,17 @@ TEST(QtTransportTeardownTest, RequestsInFlightVanish) {
     expect_vanished(unsent);
   }
   EXPECT_TRUE(server.WaitForConnections(0));
+}
+
+// GLib would end the process.
+TEST(QtTransportTeardownTest, NoConnectionIsMadeWithoutDescriptors) {
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit low{static_cast<rlim_t>(CountDescriptors() + 8), limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  const ServerInfo server("127.0.0.1", 1, false);
+  EXPECT_EQ(QtHttpConnectionFactory().create(&server, nullptr, 15.0, 0, 1), nullptr);
+  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
 }
 
 // Never on itself, never for ever, and with nothing left behind.
