@@ -5,9 +5,11 @@
 
 #include <QDateTime>
 #include <QFileInfo>
+#include <atomic>
 #include <functional>
 #include <limits>
 #include <thread>
+#include <vector>
 
 #include "tests/net/kmz_bed.h"
 #include "tests/support/manual_clock.h"
@@ -35,6 +37,25 @@ TEST_F(KmzCacheTest, OpensALocalArchive) {
   ASSERT_EQ(::mkfifo(qPrintable(Path("pipe")), 0600), 0);
   for (const QString& none : {Path("none"), Path("pipe"), folder_.path(), QString("http://h/a"), QString()}) {
     EXPECT_EQ(cache().CacheKmzFile(none), nullptr) << none.toStdString();
+  }
+}
+
+TEST_F(KmzCacheTest, NobodyFindsAnArchiveBeforeItIsOpen) {
+  const QString path = WriteFile(Path("a.kmz"), MakeKmz({{"doc.kml", "main"}}));
+  for (int round = 0; round < 200; ++round) {
+    std::atomic<int> open{0};
+    std::vector<std::thread> readers(3);
+    for (std::thread& reader : readers) {
+      reader = std::thread([&] {
+        RefPtr<KmzCacheEntry> entry;
+        while (!entry) entry = cache().Find(path);
+        open += entry->ContainsFile("doc.kml");
+      });
+    }
+    cache().CacheKmzFile(path);
+    for (std::thread& reader : readers) reader.join();
+    ASSERT_EQ(open, 3) << round;
+    cache().Remove(KmzCache::CleanUrl(path));
   }
 }
 

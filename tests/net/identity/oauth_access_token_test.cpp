@@ -74,6 +74,18 @@ TEST(OauthAccessTokenTest, OwnsWhatItWasGivenLast) {
   EXPECT_EQ(test::PlainRequest::s_alive, 0);
 }
 
+TEST(OauthAccessTokenTest, TheAnswerToARequestThatWasReplacedIsNotRead) {
+  Done done;
+  OauthAccessToken token(&done);
+  auto* const connection = new test::BareConnection;
+  const RefPtr<HttpRequest> replaced(new test::PlainRequest), last(new test::PlainRequest);
+  token.Initialize(connection, replaced.get(), "t", "s", "v");
+  EXPECT_EQ(token.SendRequest(), kStatusOk);
+  token.Initialize(connection, last.get(), "t", "s", "v");
+  replaced->InvokeCallback();
+  EXPECT_EQ(done.calls, 0);
+}
+
 TEST(OauthAccessTokenTest, TradesWithAServerThatVerifies) {
   QProcess server;
   server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
