@@ -129,14 +129,16 @@ std::shared_ptr<GateTicket> QtHttpConnection::ServeInbox() {
         AbandonReply(command.request.get());
         break;
       case SendGate::Verb::kLetGo:
-        if (challenge_depth_ == 0) LetGo();
-        command.ticket->Complete();
-        break;
       case SendGate::Verb::kLeave:
         if (challenge_depth_ > 0) {
           gate_->PutBack(std::move(command));
           PutOffLeaving();
           return nullptr;
+        }
+        if (command.verb == SendGate::Verb::kLetGo) {
+          LetGo();
+          command.ticket->Complete();
+          break;
         }
         PrepareForDestruction(command.thread);
         QThread::currentThread()->quit();

@@ -227,7 +227,7 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   QHash<QNetworkReply*, QtHttpRequest*> replies_;
   // Challenges are answered in slots that wait in event loops of their own, which deliver other events.
   int challenge_depth_ = 0;
-  bool leaving_ = false;                        // a kLeave is put off until the depth is 0
+  bool leaving_ = false;                        // put off until the depth is 0
   std::vector<QEventLoop*> challenge_loops_;    // those loops, the innermost last
   std::vector<QNetworkReply*> parked_replies_;  // Qt is still inside them, further up the stack
   QNetworkReply* challenged_reply_ = nullptr;   // by the server's challenge that is being answered

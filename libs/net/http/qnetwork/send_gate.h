@@ -47,7 +47,7 @@ class SendGate {
     kConnect,  // connect ahead of time; the first command there is
     kSend,     // send `request` for the first time
     kAbort,    // end `request`, which is marked as cancelled, if it is still in flight
-    kLetGo,    // drop all replies and end Qt's own thread, unless a challenge is on the stack
+    kLetGo,    // drop all replies and end Qt's own thread; kLeave follows
     kLeave,    // let go of everything and move the connection to `thread`; the last command there is
   };
 
