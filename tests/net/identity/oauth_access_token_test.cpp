@@ -79,9 +79,10 @@ TEST(OauthAccessTokenTest, TheAnswerToARequestThatWasReplacedIsNotRead) {
   OauthAccessToken token(&done);
   auto* const connection = new test::BareConnection;
   const RefPtr<HttpRequest> replaced(new test::PlainRequest), last(new test::PlainRequest);
-  token.Initialize(connection, replaced.get(), "t", "s", "v");
-  EXPECT_EQ(token.SendRequest(), kStatusOk);
-  token.Initialize(connection, last.get(), "t", "s", "v");
+  for (HttpRequest* const request : {replaced.get(), last.get()}) {
+    token.Initialize(connection, request, "t", "s", "v");
+    EXPECT_EQ(token.SendRequest(), kStatusOk);  // takes the reference of its maker
+  }
   replaced->InvokeCallback();
   EXPECT_EQ(done.calls, 0);
 }
