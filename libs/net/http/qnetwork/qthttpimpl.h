@@ -137,6 +137,7 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   // Asking means wanting: no query handler is called from now on, and requests in flight do not go on. Waits
   // for half a second at most.
   bool MayBeDestroyedHere() const override;
+  // False if the worker could not be started, and every request is refused.
   bool HasWorker() const;
 
   // What a challenge is answered with. True: `username` and `password` are something to try. On entry they
@@ -213,6 +214,8 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
 
   // Worker thread, or the destroying one once the worker has ended.
   void ForgetReplies();
+
+  // Worker thread. The first moment of an end: drops all replies, and ends Qt's HTTP thread.
   void LetGo();
 
   // The destroying thread.
@@ -227,7 +230,7 @@ class ORVAN_NET_EXPORT QtHttpConnection : public QObject, public HttpConnection 
   QHash<QNetworkReply*, QtHttpRequest*> replies_;
   // Challenges are answered in slots that wait in event loops of their own, which deliver other events.
   int challenge_depth_ = 0;
-  bool leaving_ = false;                        // put off until the depth is 0
+  bool leaving_ = false;                        // a kLetGo or kLeave waits until the depth is 0
   std::vector<QEventLoop*> challenge_loops_;    // those loops, the innermost last
   std::vector<QNetworkReply*> parked_replies_;  // Qt is still inside them, further up the stack
   QNetworkReply* challenged_reply_ = nullptr;   // by the server's challenge that is being answered
